@@ -1,0 +1,172 @@
+#ifndef VELANET_CQSTRING_H
+#define VELANET_CQSTRING_H
+
+// The library's two owned string types.
+//
+// CQSString: 8-bit bytes with an explicit length, always NUL-terminated, no
+// encoding. CQWString: wchar_t characters, always NUL-terminated.
+// Operations never throw: failures come back as 0 or a negative number, and
+// an allocation failure leaves the old content in place.
+
+#include <cstddef>
+#include <cwchar>
+
+class QString;
+class CQWString;
+
+class CQSString
+{
+public:
+    CQSString();
+    CQSString(const char* text);
+    CQSString(const char* data, int len);
+    explicit CQSString(const CQWString& wide);
+    CQSString(const CQSString& other);
+    CQSString(CQSString&& other) noexcept;
+    ~CQSString();
+
+    CQSString& operator=(const CQSString& other);
+    CQSString& operator=(CQSString&& other) noexcept;
+    CQSString& operator=(const char* text);
+    CQSString& operator=(const CQWString& wide);
+
+    // Replace the content. Return nonzero on success, 0 on failure (the old
+    // content is kept then). A null text gives the empty string.
+    int SetData(const char* text);
+    int SetData(const unsigned char* data, int len);
+    // Wide to narrow, one byte per character (the low 8 bits of each).
+    int SetData(const CQWString* wide);
+
+    int AppendData(const char* text);
+    int AppendData(const unsigned char* data, int len);
+    int AppendChar(char c);
+
+    const char* GetDataPtr() const { return m_pData ? m_pData : ""; }
+    operator const char*() const { return GetDataPtr(); }
+
+    int GetLength() const { return m_nLength; }
+    bool IsEmpty() const { return m_nLength == 0; }
+    void Empty();
+    // The byte at index (0..255); 0 for an index outside the string.
+    int GetAt(int index) const;
+
+    // 0 when the bytes equal text exactly (lengths included), otherwise the
+    // sign of the first difference, like strcmp. A null text equals "".
+    int Compare(const char* text) const;
+    bool operator==(const CQSString& other) const;
+    bool operator!=(const CQSString& other) const { return !(*this == other); }
+
+    // Index of the first occurrence at or after start; -1 when absent.
+    // An empty pattern is found at start.
+    int Find(const char* pattern, int start = 0) const;
+    int Find(char c, int start = 0) const;
+
+    bool IsStartWith(const char* prefix) const;
+    bool IsStartWithNoCase(const char* prefix) const;
+    bool IsEndWith(const char* suffix) const;
+    bool IsEndWithNoCase(const char* suffix) const;
+
+    void MakeLower();
+    void MakeUpper();
+
+    // Replace every occurrence of oldText by newText, scanning left to right
+    // without rescanning replaced text; an empty or null newText deletes.
+    // Returns the number of replacements (0 for an empty oldText).
+    int Replace(const char* oldText, const char* newText);
+
+    // Blanks are space, tab, CR and LF.
+    void TrimLeft();
+    void TrimRight();
+    void TrimRightAndLeft();
+
+    // Keep printable ASCII (0x20..0x7E) only.
+    void FilterInvisibleChar();
+
+    // Decimal value of the leading digits after leading blanks (space and
+    // tab); ToINT also accepts one leading '-'. Stops at the first
+    // non-digit; 0 when there is no digit. Overflow wraps as 32-bit values.
+    int ToINT() const;
+    unsigned int ToUINT() const;
+    // Hexadecimal value of the leading hex digits after leading CR, LF,
+    // space and tab; the first non-hex character ends the number (so a chunk
+    // extension after the size is ignored); 0 when there is no digit.
+    int ToHEX() const;
+
+    // Replace the content by the decimal text of the value.
+    void ToString(int value);
+    void ToString(unsigned int value);
+
+    // out = count bytes from start. A start outside 0..length, or a negative
+    // count, empties out and returns 0; a count running past the end is cut
+    // at the end. Returns nonzero on success.
+    int GetSubString(CQSString& out, int start, int count) const;
+
+    // Find `from` at or after start, then the next `to` after it; out
+    // receives the text between them (with the delimiters themselves when
+    // withFrom / withTo are true). Returns the index at which the text
+    // between them starts (always positive: it follows `from`), or -1 when
+    // either delimiter is missing (out is emptied then).
+    int GetSubString(CQSString& out, const char* from, const char* to, int start,
+                     bool withFrom = false, bool withTo = false) const;
+    int GetSubString(CQSString& out, char from, char to, int start,
+                     bool withFrom = false, bool withTo = false) const;
+
+private:
+    int Assign(const char* data, int len);
+    int Reserve(int capacity);
+
+    char* m_pData = nullptr;  // null or NUL-terminated, capacity >= length + 1
+    int m_nLength = 0;
+    int m_nCapacity = 0;
+};
+
+class CQWString
+{
+public:
+    CQWString();
+    CQWString(const wchar_t* text);
+    explicit CQWString(const CQSString& narrow);
+    explicit CQWString(const QString& text);
+    CQWString(const CQWString& other);
+    CQWString(CQWString&& other) noexcept;
+    ~CQWString();
+
+    CQWString& operator=(const CQWString& other);
+    CQWString& operator=(CQWString&& other) noexcept;
+    CQWString& operator=(const CQSString& narrow);
+    CQWString& operator=(const wchar_t* text);
+
+    int SetData(const wchar_t* text);
+    int SetData(const wchar_t* text, int len);
+    int AppendData(const wchar_t* text);
+    // Each byte becomes one wide character.
+    int AppendData(const unsigned char* data, int len);
+    int SetByteData(const unsigned char* data, int len);
+
+    const wchar_t* GetDataPtr() const { return m_pData ? m_pData : L""; }
+    operator const wchar_t*() const { return GetDataPtr(); }
+
+    int GetLength() const { return m_nLength; }
+    bool IsEmpty() const { return m_nLength == 0; }
+    void Empty();
+
+    // Every occurrence, as CQSString::Replace.
+    int Replace(const wchar_t* oldText, const wchar_t* newText);
+
+    bool operator==(const CQWString& other) const;
+    bool operator!=(const CQWString& other) const { return !(*this == other); }
+
+    // The text as a QString (UTF-32 code points).
+    QString ToQString() const;
+
+private:
+    int Assign(const wchar_t* data, int len);
+    int AppendRange(const wchar_t* text, int len);
+    int Reserve(int capacity);
+
+    wchar_t* m_pData = nullptr;
+    int m_nLength = 0;
+    int m_nCapacity = 0;
+};
+
+#endif

@@ -1,0 +1,692 @@
+#include "BaseClass/src/CQFile.h"
+
+#include "BaseClass/src/CQString.h"
+#include "support/TestSupport.h"
+
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+std::wstring W(const QString& path)
+{
+    return path.toStdWString();
+}
+
+// The file's bytes as another reader sees them; empty when missing.
+QByteArray Contents(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.readAll();
+}
+
+bool WriteWhole(const QString& path, const QByteArray& bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(bytes) == bytes.size();
+}
+
+QByteArray Pattern(int n)
+{
+    QByteArray bytes(n, '\0');
+    for (int i = 0; i < n; ++i)
+        bytes[i] = static_cast<char>('a' + i % 26);
+    return bytes;
+}
+
+}  // namespace
+
+// --- opening -------------------------------------------------------------
+
+TEST(CQFile, NewFileIsClosed)
+{
+    CQFile file;
+    EXPECT_FALSE(file.IsOpen());
+}
+
+TEST(CQFile, OpenMissingFileForReadFails)
+{
+    velatest::TempDir dir;
+    CQFile file;
+    EXPECT_EQ(0, file.Open(W(dir.File("missing")).c_str(), 0));
+    EXPECT_FALSE(file.IsOpen());
+}
+
+TEST(CQFile, OpenForWriteCreatesEmptyFile)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("new.dat");
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 1));
+    EXPECT_TRUE(file.IsOpen());
+    EXPECT_TRUE(QFile::exists(path));
+    EXPECT_EQ(0, file.GetLength());
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(0, QFileInfo(path).size());
+    // Created 0644 (less whatever the umask removes): never executable,
+    // never writable by others.
+    const QFileDevice::Permissions perms = QFile::permissions(path);
+    EXPECT_TRUE(perms & QFileDevice::WriteOwner);
+    EXPECT_FALSE(perms & (QFileDevice::ExeOwner | QFileDevice::ExeGroup | QFileDevice::ExeOther |
+                          QFileDevice::WriteGroup | QFileDevice::WriteOther));
+}
+
+TEST(CQFile, OpenForWriteTruncatesExistingFile)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("old.dat");
+    ASSERT_TRUE(WriteWhole(path, "old content"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 1));
+    EXPECT_EQ(3, file.Write("new", 3));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("new"), Contents(path));
+}
+
+TEST(CQFile, OpenWithUnknownModeFails)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    EXPECT_EQ(0, file.Open(W(path).c_str(), 2));
+    EXPECT_EQ(0, file.OpenWithWriteCache(W(path).c_str(), 2, 100));
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+}
+
+TEST(CQFile, OpenNullOrEmptyPathFails)
+{
+    CQFile file;
+    EXPECT_EQ(0, file.Open(static_cast<const wchar_t*>(nullptr), 0));
+    EXPECT_EQ(0, file.Open(L"", 1));
+    EXPECT_FALSE(file.IsOpen());
+}
+
+TEST(CQFile, OpenDirectoryFails)
+{
+    velatest::TempDir dir;
+    CQFile file;
+    EXPECT_EQ(0, file.Open(W(dir.Path()).c_str(), 0));
+    EXPECT_EQ(0, file.Open(W(dir.Path()).c_str(), 1));
+    EXPECT_FALSE(file.IsOpen());
+}
+
+TEST(CQFile, OpenInMissingDirectoryFails)
+{
+    velatest::TempDir dir;
+    CQFile file;
+    EXPECT_EQ(0, file.Open(W(dir.File("no/such/file")).c_str(), 1));
+}
+
+TEST(CQFile, OpenTakesWideStringPath)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("wide.dat");
+    const CQWString wide(path);
+    CQFile file;
+    ASSERT_NE(0, file.Open(wide, 1));
+    EXPECT_EQ(2, file.Write("hi", 2));
+    EXPECT_NE(0, file.Close());
+    ASSERT_NE(0, file.Open(wide, 0));
+    char buffer[4] = {};
+    EXPECT_EQ(2, file.Read(buffer, 4));
+    EXPECT_STREQ("hi", buffer);
+}
+
+TEST(CQFile, NonAsciiPathUsesLocalFileNameEncoding)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File(QString::fromUtf8("caf\xc3\xa9-\xe6\x97\xa5.dat"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 1));
+    EXPECT_EQ(1, file.Write("x", 1));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("x"), Contents(path));
+    EXPECT_EQ(1, CQFile::GetFileLenght(CQWString(path)));
+}
+
+TEST(CQFile, OpenWhileOpenClosesTheFirstFile)
+{
+    velatest::TempDir dir;
+    const QString first = dir.File("first");
+    const QString second = dir.File("second");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(first).c_str(), 1, 100));
+    EXPECT_EQ(5, file.Write("first", 5));
+    ASSERT_NE(0, file.Open(W(second).c_str(), 1));
+    // The cached bytes of the first file were written when it was closed.
+    EXPECT_EQ(QByteArray("first"), Contents(first));
+    EXPECT_EQ(6, file.Write("second", 6));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("second"), Contents(second));
+}
+
+// --- reading and writing -------------------------------------------------
+
+TEST(CQFile, WriteThenReadBackWithCounts)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("data");
+    const QByteArray bytes = Pattern(100000);
+    {
+        CQFile file;
+        ASSERT_NE(0, file.Open(W(path).c_str(), 1));
+        EXPECT_EQ(bytes.size(), file.Write(bytes.constData(), bytes.size()));
+        EXPECT_NE(0, file.Close());
+    }
+    EXPECT_EQ(bytes, Contents(path));
+
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    EXPECT_EQ(bytes.size(), file.GetLength());
+    QByteArray back(bytes.size(), '\0');
+    EXPECT_EQ(bytes.size(), file.Read(back.data(), back.size()));
+    EXPECT_EQ(bytes, back);
+}
+
+TEST(CQFile, ReadPastEndGivesWhatIsLeftThenZero)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("ten");
+    ASSERT_TRUE(WriteWhole(path, "0123456789"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    char buffer[16] = {};
+    EXPECT_EQ(4, file.Read(buffer, 4));
+    EXPECT_EQ(std::string("0123"), std::string(buffer, 4));
+    // Exactly the rest, then one byte past the end.
+    EXPECT_EQ(6, file.Read(buffer, 6));
+    EXPECT_EQ(std::string("456789"), std::string(buffer, 6));
+    EXPECT_EQ(0, file.Read(buffer, 1));
+}
+
+TEST(CQFile, ReadMoreThanFileGivesFileLength)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("ten");
+    ASSERT_TRUE(WriteWhole(path, "0123456789"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    char buffer[11] = {};
+    EXPECT_EQ(10, file.Read(buffer, 11));
+}
+
+TEST(CQFile, ReadAndWriteOfNothing)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    char buffer[1];
+    EXPECT_EQ(0, file.Read(buffer, 0));
+    EXPECT_EQ(0, file.Read(buffer, -1));
+}
+
+TEST(CQFile, WriteToReadOnlyFileFails)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    EXPECT_LE(file.Write("x", 1), 0);
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+}
+
+TEST(CQFile, ReadFromWriteOnlyFileFails)
+{
+    velatest::TempDir dir;
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(dir.File("f")).c_str(), 1));
+    ASSERT_EQ(3, file.Write("abc", 3));
+    char buffer[4];
+    EXPECT_LE(file.Read(buffer, 3), 0);
+}
+
+TEST(CQFile, OperationsOnClosedFileFail)
+{
+    CQFile file;
+    char buffer[4];
+    EXPECT_LT(file.Read(buffer, 4), 0);
+    EXPECT_LT(file.Write("abc", 3), 0);
+    EXPECT_LT(file.Seek(0, 0), 0);
+    EXPECT_LT(file.GetLength(), 0);
+    EXPECT_EQ(0, file.Flush());
+    EXPECT_EQ(0, file.Close());
+}
+
+TEST(CQFile, CloseTwiceIsSafe)
+{
+    velatest::TempDir dir;
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(dir.File("f")).c_str(), 1));
+    EXPECT_NE(0, file.Close());
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_EQ(0, file.Close());
+}
+
+TEST(CQFile, DestructorClosesAndWritesCache)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    {
+        CQFile file;
+        ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 500));
+        ASSERT_EQ(5, file.Write("bytes", 5));
+        EXPECT_EQ(QByteArray(), Contents(path));
+    }
+    EXPECT_EQ(QByteArray("bytes"), Contents(path));
+}
+
+// --- seeking and length --------------------------------------------------
+
+TEST(CQFile, SeekFromStartCurrentAndEnd)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("ten");
+    ASSERT_TRUE(WriteWhole(path, "0123456789"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    char c = 0;
+    EXPECT_EQ(7, file.Seek(7, 0));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('7', c);
+    EXPECT_EQ(5, file.Seek(-3, 1));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('5', c);
+    EXPECT_EQ(8, file.Seek(-2, 2));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('8', c);
+    EXPECT_EQ(0, file.Seek(0, 0));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('0', c);
+}
+
+TEST(CQFile, SeekToEndAndOnePast)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("ten");
+    ASSERT_TRUE(WriteWhole(path, "0123456789"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    char c = 0;
+    EXPECT_EQ(10, file.Seek(10, 0));
+    EXPECT_EQ(0, file.Read(&c, 1));
+    EXPECT_EQ(11, file.Seek(11, 0));
+    EXPECT_EQ(0, file.Read(&c, 1));
+}
+
+TEST(CQFile, SeekBeforeStartOrWithUnknownOriginFails)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("ten");
+    ASSERT_TRUE(WriteWhole(path, "0123456789"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    EXPECT_LT(file.Seek(-1, 0), 0);
+    EXPECT_LT(file.Seek(0, 3), 0);
+    EXPECT_LT(file.Seek(0, -1), 0);
+    // The position is unchanged.
+    char c = 0;
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('0', c);
+}
+
+TEST(CQFile, SeekAndOverwriteInWriteMode)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 64));
+    ASSERT_EQ(10, file.Write("0123456789", 10));
+    // Seeking writes the cache out first, so the bytes land in order.
+    EXPECT_EQ(2, file.Seek(2, 0));
+    EXPECT_EQ(QByteArray("0123456789"), Contents(path));
+    ASSERT_EQ(2, file.Write("ab", 2));
+    EXPECT_EQ(10, file.Seek(0, 2));
+    ASSERT_EQ(1, file.Write("Z", 1));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("01ab456789Z"), Contents(path));
+}
+
+TEST(CQFile, GetLengthCountsCachedBytes)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 100));
+    EXPECT_EQ(0, file.GetLength());
+    ASSERT_EQ(30, file.Write(Pattern(30).constData(), 30));
+    EXPECT_EQ(30, file.GetLength());
+    EXPECT_EQ(0, QFileInfo(path).size());
+    // Rewritten bytes inside the file do not make it longer.
+    EXPECT_EQ(5, file.Seek(5, 0));
+    ASSERT_EQ(10, file.Write(Pattern(10).constData(), 10));
+    EXPECT_EQ(30, file.GetLength());
+    ASSERT_EQ(26, file.Write(Pattern(26).constData(), 26));
+    EXPECT_EQ(41, file.GetLength());
+}
+
+TEST(CQFile, GetLengthOfReadFile)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, Pattern(1234)));
+    CQFile file;
+    ASSERT_NE(0, file.Open(W(path).c_str(), 0));
+    EXPECT_EQ(1234, file.GetLength());
+    EXPECT_EQ(100, file.Seek(100, 0));
+    EXPECT_EQ(1234, file.GetLength());
+}
+
+// --- write cache ---------------------------------------------------------
+
+TEST(CQFile, CachedBytesReachFileOnlyAtClose)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("cookies");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 500));
+    EXPECT_EQ(6, file.Write("name\r\n", 6));
+    EXPECT_EQ(7, file.Write("value\r\n", 7));
+    EXPECT_EQ(QByteArray(), Contents(path));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("name\r\nvalue\r\n"), Contents(path));
+}
+
+TEST(CQFile, CacheExactlyFullStaysCachedOneMoreByteFlushes)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 10));
+    EXPECT_EQ(4, file.Write("0123", 4));
+    EXPECT_EQ(6, file.Write("456789", 6));
+    EXPECT_EQ(QByteArray(), Contents(path));
+    EXPECT_EQ(1, file.Write("A", 1));
+    EXPECT_EQ(QByteArray("0123456789"), Contents(path));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("0123456789A"), Contents(path));
+}
+
+TEST(CQFile, WriteAsLargeAsCacheIsCached)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 10));
+    EXPECT_EQ(10, file.Write("0123456789", 10));
+    EXPECT_EQ(QByteArray(), Contents(path));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("0123456789"), Contents(path));
+}
+
+TEST(CQFile, WriteLargerThanCacheGoesStraightThroughInOrder)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    const QByteArray big = Pattern(11);
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 10));
+    EXPECT_EQ(3, file.Write("<<<", 3));
+    EXPECT_EQ(11, file.Write(big.constData(), big.size()));
+    // The cached bytes went first, then the big write, nothing is left over.
+    EXPECT_EQ(QByteArray("<<<") + big, Contents(path));
+    EXPECT_EQ(3, file.Write(">>>", 3));
+    EXPECT_EQ(QByteArray("<<<") + big, Contents(path));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("<<<") + big + ">>>", Contents(path));
+}
+
+TEST(CQFile, ManySmallWritesThroughCacheKeepOrder)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("dns");
+    QByteArray expected;
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 40960));
+    for (int i = 0; i < 5000; ++i) {
+        const QByteArray record = QByteArray::number(i) + ":host" + QByteArray::number(i * 7) + ";";
+        ASSERT_EQ(record.size(), file.Write(record.constData(), record.size()));
+        expected += record;
+    }
+    EXPECT_EQ(expected.size(), file.GetLength());
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(expected, Contents(path));
+}
+
+TEST(CQFile, FlushWritesCacheOut)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 100));
+    ASSERT_EQ(3, file.Write("abc", 3));
+    EXPECT_EQ(QByteArray(), Contents(path));
+    EXPECT_NE(0, file.Flush());
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+    EXPECT_NE(0, file.Flush());
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+}
+
+TEST(CQFile, NoCacheWritesAtOnce)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 1, 0));
+    ASSERT_EQ(3, file.Write("abc", 3));
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+    ASSERT_NE(0, file.Open(W(path).c_str(), 1));
+    ASSERT_EQ(3, file.Write("xyz", 3));
+    EXPECT_EQ(QByteArray("xyz"), Contents(path));
+}
+
+TEST(CQFile, CacheIsIgnoredForReading)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(W(path).c_str(), 0, 100));
+    char buffer[3];
+    EXPECT_EQ(3, file.Read(buffer, 3));
+    EXPECT_EQ(std::string("abc"), std::string(buffer, 3));
+}
+
+TEST(CQFile, CloseReportsLostCachedBytes)
+{
+    if (!QFileInfo::exists("/dev/full"))
+        GTEST_SKIP() << "no /dev/full";
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(L"/dev/full", 1, 100));
+    EXPECT_EQ(10, file.Write("0123456789", 10));
+    EXPECT_EQ(0, file.Close());
+    EXPECT_FALSE(file.IsOpen());
+}
+
+TEST(CQFile, FailedWriteIsReported)
+{
+    if (!QFileInfo::exists("/dev/full"))
+        GTEST_SKIP() << "no /dev/full";
+    CQFile file;
+    ASSERT_NE(0, file.Open(L"/dev/full", 1));
+    EXPECT_LT(file.Write("0123456789", 10), 0);
+    EXPECT_EQ(0, file.Close());
+
+    ASSERT_NE(0, file.OpenWithWriteCache(L"/dev/full", 1, 4));
+    EXPECT_EQ(4, file.Write("0123", 4));
+    EXPECT_EQ(0, file.Flush());
+    EXPECT_EQ(0, file.Close());
+}
+
+TEST(CQFile, WriteCacheWithWideStringPath)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(CQWString(path), 1, 8));
+    ASSERT_EQ(3, file.Write("abc", 3));
+    EXPECT_EQ(QByteArray(), Contents(path));
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray("abc"), Contents(path));
+}
+
+// --- directories and whole files -----------------------------------------
+
+TEST(CQFile, CreateDirectoryWithParents)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("a/b/c");
+    EXPECT_NE(0, CQFile::CreateDirectory(W(path).c_str()));
+    EXPECT_TRUE(QFileInfo(path).isDir());
+}
+
+TEST(CQFile, CreateExistingDirectorySucceeds)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("cookies");
+    ASSERT_NE(0, CQFile::CreateDirectory(CQWString(path)));
+    ASSERT_TRUE(WriteWhole(path + "/keep", "x"));
+    EXPECT_NE(0, CQFile::CreateDirectory(CQWString(path)));
+    EXPECT_NE(0, CQFile::CreateDirectory(W(path + "/").c_str()));
+    EXPECT_EQ(QByteArray("x"), Contents(path + "/keep"));
+}
+
+TEST(CQFile, CreateDirectoryWhereAFileIsFails)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("file");
+    ASSERT_TRUE(WriteWhole(path, "x"));
+    EXPECT_EQ(0, CQFile::CreateDirectory(W(path).c_str()));
+    EXPECT_EQ(0, CQFile::CreateDirectory(W(path + "/sub").c_str()));
+    EXPECT_EQ(0, CQFile::CreateDirectory(L""));
+    EXPECT_EQ(0, CQFile::CreateDirectory(static_cast<const wchar_t*>(nullptr)));
+}
+
+TEST(CQFile, DeleteFileRemovesFile)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "x"));
+    EXPECT_NE(0, CQFile::DeleteFile(W(path).c_str()));
+    EXPECT_FALSE(QFileInfo::exists(path));
+    EXPECT_EQ(0, CQFile::DeleteFile(W(path).c_str()));
+}
+
+TEST(CQFile, DeleteFileWithWideStringPathAndNotADirectory)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "x"));
+    EXPECT_NE(0, CQFile::DeleteFile(CQWString(path)));
+    EXPECT_FALSE(QFileInfo::exists(path));
+    const QString sub = dir.File("sub");
+    ASSERT_TRUE(QDir().mkpath(sub));
+    EXPECT_EQ(0, CQFile::DeleteFile(CQWString(sub)));
+    EXPECT_TRUE(QFileInfo(sub).isDir());
+    EXPECT_EQ(0, CQFile::DeleteFile(L""));
+}
+
+TEST(CQFile, RecursiveDelDirRemovesEverything)
+{
+    velatest::TempDir dir;
+    const QString root = dir.File("cookies");
+    ASSERT_TRUE(QDir().mkpath(root + "/sub/deeper"));
+    ASSERT_TRUE(WriteWhole(root + "/a", "1"));
+    ASSERT_TRUE(WriteWhole(root + "/.hidden", "2"));
+    ASSERT_TRUE(WriteWhole(root + "/sub/b", "3"));
+    ASSERT_TRUE(WriteWhole(root + "/sub/deeper/c", "4"));
+    ASSERT_TRUE(QDir().mkpath(root + "/empty"));
+    EXPECT_NE(0, CQFile::RecursiveDelDir(W(root).c_str()));
+    EXPECT_FALSE(QFileInfo::exists(root));
+    EXPECT_TRUE(QFileInfo(dir.Path()).isDir());
+}
+
+TEST(CQFile, RecursiveDelDirOfMissingDirectorySucceeds)
+{
+    velatest::TempDir dir;
+    EXPECT_NE(0, CQFile::RecursiveDelDir(CQWString(dir.File("missing"))));
+}
+
+TEST(CQFile, RecursiveDelDirRefusesFilesAndEmptyPath)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "x"));
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(W(path).c_str()));
+    EXPECT_TRUE(QFileInfo::exists(path));
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(L""));
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(static_cast<const wchar_t*>(nullptr)));
+}
+
+TEST(CQFile, RecursiveDelDirDoesNotFollowLinks)
+{
+    velatest::TempDir dir;
+    const QString outside = dir.File("outside");
+    ASSERT_TRUE(QDir().mkpath(outside));
+    ASSERT_TRUE(WriteWhole(outside + "/precious", "keep"));
+    const QString root = dir.File("root");
+    ASSERT_TRUE(QDir().mkpath(root));
+    ASSERT_TRUE(QFile::link(outside, root + "/link"));
+    EXPECT_NE(0, CQFile::RecursiveDelDir(W(root).c_str()));
+    EXPECT_FALSE(QFileInfo::exists(root));
+    EXPECT_EQ(QByteArray("keep"), Contents(outside + "/precious"));
+}
+
+TEST(CQFile, GetFileLenghtOfFiles)
+{
+    velatest::TempDir dir;
+    ASSERT_TRUE(WriteWhole(dir.File("empty"), QByteArray()));
+    ASSERT_TRUE(WriteWhole(dir.File("one"), "x"));
+    ASSERT_TRUE(WriteWhole(dir.File("big"), Pattern(20481)));
+    EXPECT_EQ(0, CQFile::GetFileLenght(CQWString(dir.File("empty"))));
+    EXPECT_EQ(1, CQFile::GetFileLenght(CQWString(dir.File("one"))));
+    EXPECT_EQ(20481, CQFile::GetFileLenght(CQWString(dir.File("big"))));
+}
+
+TEST(CQFile, GetFileLenghtOfMissingFileIsNegative)
+{
+    velatest::TempDir dir;
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(dir.File("missing"))), 0);
+    EXPECT_LT(CQFile::GetFileLenght(CQWString()), 0);
+}
+
+TEST(CQFile, GetFileLenghtOfDirectoryIsNegative)
+{
+    velatest::TempDir dir;
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(dir.Path())), 0);
+}
+
+TEST(CQFile, GetFileLenghtOfUnreadableFileIsNegative)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("secret");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    ASSERT_TRUE(QFile::setPermissions(path, QFileDevice::WriteOwner));
+    QFile probe(path);
+    if (probe.open(QIODevice::ReadOnly))
+        GTEST_SKIP() << "running with permission to read any file";
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(path)), 0);
+}
+
+TEST(CQFile, GetFileLenghtOfDanglingLinkIsNegative)
+{
+    velatest::TempDir dir;
+    const QString link = dir.File("link");
+    ASSERT_TRUE(QFile::link(dir.File("gone"), link));
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(link)), 0);
+    CQFile file;
+    EXPECT_EQ(0, file.Open(W(link).c_str(), 0));
+}

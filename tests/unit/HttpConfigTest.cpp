@@ -1,0 +1,137 @@
+// The process-wide extra-header list.
+
+#include "src/HttpConfig.h"
+
+#include "BaseClass/src/CQInstance.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+// Every test leaves the shared list empty again.
+class HttpConfigTest : public ::testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        for (const char* name : {"X-A", "X-B", "X-C", "x-a"}) {
+            CQSString key(name);
+            CHttpConfig::RemoveHeader(key);
+        }
+        CQSString out;
+        EXPECT_FALSE(CHttpConfig::GetKeyValue(0, out)) << "a test left entries behind";
+    }
+
+    static void Add(const char* key, const char* value)
+    {
+        CQSString k(key), v(value);
+        CHttpConfig::AddHeader(k, v);
+    }
+
+    static std::vector<std::string> All()
+    {
+        std::vector<std::string> lines;
+        for (int i = 0;; ++i) {
+            CQSString out;
+            if (!CHttpConfig::GetKeyValue(i, out))
+                break;
+            lines.emplace_back(out.GetDataPtr());
+        }
+        return lines;
+    }
+};
+
+TEST_F(HttpConfigTest, EmptyListHasNoEntryZero)
+{
+    CQSString out("kept");
+    EXPECT_FALSE(CHttpConfig::GetKeyValue(0, out));
+    EXPECT_STREQ("kept", out.GetDataPtr());
+}
+
+TEST_F(HttpConfigTest, OneEntryIsAppendedAsNameColonValue)
+{
+    Add("X-A", "1");
+    CQSString out;
+    EXPECT_TRUE(CHttpConfig::GetKeyValue(0, out));
+    EXPECT_STREQ("X-A: 1", out.GetDataPtr());
+}
+
+TEST_F(HttpConfigTest, GetKeyValueAppendsWithoutClearing)
+{
+    Add("X-A", "1");
+    CQSString out("pre|");
+    EXPECT_TRUE(CHttpConfig::GetKeyValue(0, out));
+    EXPECT_STREQ("pre|X-A: 1", out.GetDataPtr());
+}
+
+TEST_F(HttpConfigTest, IndexOutOfRangeIsRefused)
+{
+    Add("X-A", "1");
+    CQSString out;
+    EXPECT_FALSE(CHttpConfig::GetKeyValue(-1, out));
+    EXPECT_FALSE(CHttpConfig::GetKeyValue(1, out));
+    EXPECT_TRUE(out.IsEmpty());
+}
+
+TEST_F(HttpConfigTest, InsertionOrderIsKept)
+{
+    Add("X-A", "1");
+    Add("X-B", "2");
+    Add("X-C", "3");
+    EXPECT_EQ((std::vector<std::string>{"X-A: 1", "X-B: 2", "X-C: 3"}), All());
+}
+
+TEST_F(HttpConfigTest, AddingAnExistingNameReplacesItAndMovesItToTheEnd)
+{
+    Add("X-A", "1");
+    Add("X-B", "2");
+    Add("X-A", "3");
+    EXPECT_EQ((std::vector<std::string>{"X-B: 2", "X-A: 3"}), All());
+}
+
+TEST_F(HttpConfigTest, NamesCompareExactly)
+{
+    Add("X-A", "1");
+    Add("x-a", "2");
+    EXPECT_EQ((std::vector<std::string>{"X-A: 1", "x-a: 2"}), All());
+}
+
+TEST_F(HttpConfigTest, RemoveHeaderRemovesFromBothLists)
+{
+    Add("X-A", "1");
+    Add("X-B", "2");
+    Add("X-C", "3");
+    CQSString key("X-B");
+    CHttpConfig::RemoveHeader(key);
+    EXPECT_EQ((std::vector<std::string>{"X-A: 1", "X-C: 3"}), All());
+    CQSString missing("X-Z");
+    CHttpConfig::RemoveHeader(missing);
+    EXPECT_EQ(2u, All().size());
+}
+
+TEST_F(HttpConfigTest, RemovingTheOnlyEntryEmptiesTheList)
+{
+    Add("X-A", "1");
+    CQSString key("X-A");
+    CHttpConfig::RemoveHeader(key);
+    EXPECT_TRUE(All().empty());
+    Add("X-B", "2");
+    EXPECT_EQ((std::vector<std::string>{"X-B: 2"}), All());
+}
+
+TEST_F(HttpConfigTest, LivesInTheRegistryUnderUid11)
+{
+    Add("X-A", "1");
+    EXPECT_NE(nullptr, CQInstance::Instance()->GetByUid(11));
+}
+
+TEST_F(HttpConfigTest, EmptyNameOrValueIsFatal)
+{
+    EXPECT_DEATH(Add("", "1"), "!key.IsEmpty\\(\\) && !value.IsEmpty\\(\\).*src/HttpConfig");
+    EXPECT_DEATH(Add("X-A", ""), "!key.IsEmpty\\(\\) && !value.IsEmpty\\(\\).*src/HttpConfig");
+}
+
+}  // namespace

@@ -1,0 +1,524 @@
+// Request building and URL dissection of CHttpData.
+
+#include "src/HttpConfig.h"
+#include "src/HttpData.h"
+
+#include "support/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace {
+
+const char KUserAgentLine[] = "User-Agent: NA/SymbianOS/8.0 Series60/2.6";
+// A console test program has no screen: 854 x 480 and a character width of 24.
+const char KVuaLine[] = "V-UA: PLV2010_B2/10066&NA/NA&SYM2&533024&NA&V2";
+const char KAcceptLine[] =
+    "Accept: text/vnd.wap.wml,text/html, application/vnd.wap.xhtml+xml,application/xhtml+xml,application/xml, "
+    "image/jpeg;q=0.5,image/png;q=0.5,image/gif;q=0.5,image/*;q=0.6, */*;q=0.6\r\n";
+const char KAcceptCharsetLine[] = "Accept-Charset: utf-8,gb2312,iso-8859-1\r\n";
+const int KGzip = static_cast<int>(0xF0000000u);
+
+// Takes ownership of a builder's buffer and returns its bytes.
+std::string Take(unsigned char* buffer, int len)
+{
+    std::unique_ptr<unsigned char[]> owned(buffer);
+    if (!buffer)
+        return std::string();
+    return std::string(reinterpret_cast<const char*>(buffer), static_cast<size_t>(len));
+}
+
+// Runs one builder call and returns its bytes.
+template <class Builder>
+std::string Build(const Builder& builder)
+{
+    int len = -7;
+    unsigned char* bytes = builder(len);
+    return Take(bytes, len);
+}
+
+std::string Get(CHttpData& data, int encodingMode = 0)
+{
+    int len = -7;
+    unsigned char* bytes = data.GetMethodData(CHttpData::KMethodGet, len, encodingMode, 0);
+    return Take(bytes, len);
+}
+
+std::string Post(CHttpData& data, const std::string& body, int encodingMode = 0, bool multipart = false)
+{
+    int len = -7;
+    unsigned char* bytes = data.GetMethodData(
+        CHttpData::KMethodPost, len, encodingMode, 0, multipart ? 1 : 0, static_cast<int>(body.size()),
+        reinterpret_cast<unsigned char*>(const_cast<char*>(body.data())));
+    return Take(bytes, len);
+}
+
+std::string FirstLine(const std::string& head)
+{
+    return head.substr(0, head.find("\r\n"));
+}
+
+std::string Span(const char* p, int len)
+{
+    return p ? std::string(p, static_cast<size_t>(len)) : std::string("<null>");
+}
+
+class HttpDataTest : public ::testing::Test
+{
+protected:
+    CHttpData data;
+};
+
+// ------------------------------------------------------------ identification
+
+TEST_F(HttpDataTest, IdentificationLinesAreFixedAtConstruction)
+{
+    EXPECT_STREQ(KUserAgentLine, data.GetUserAgent().GetDataPtr());
+    EXPECT_STREQ(KVuaLine, data.GetVUserAgent().GetDataPtr());
+}
+
+TEST_F(HttpDataTest, SetUserAgentChangesNothing)
+{
+    CQSString a("User-Agent: other"), b("V-UA: other"), c("x");
+    data.SetUserAgent(a, b, c);
+    EXPECT_STREQ(KUserAgentLine, data.GetUserAgent().GetDataPtr());
+    EXPECT_STREQ(KVuaLine, data.GetVUserAgent().GetDataPtr());
+}
+
+// ------------------------------------------------------------ the two examples
+
+TEST_F(HttpDataTest, GetExampleByteForByte)
+{
+    data.SetURL("http://srv.test:8080/news?id=7");
+    const std::string expected = std::string("GET /news?id=7 HTTP/1.1\r\n") +
+                                 "Host: srv.test:8080\r\n" + KUserAgentLine + "\r\n" + KVuaLine + "\r\n" +
+                                 KAcceptLine + KAcceptCharsetLine + "Accept-Encoding: gzip\r\n" +
+                                 "Connection: close\r\n" + "\r\n";
+    const std::string got = Get(data, KGzip);
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(got)));
+}
+
+TEST_F(HttpDataTest, PostExampleByteForByte)
+{
+    data.SetURL("http://srv.test:8080/news?id=7");
+    const std::string expected = std::string("POST /news?id=7 HTTP/1.1\r\n") + "Host: srv.test:8080\r\n" +
+                                 KUserAgentLine + "\r\n" + KAcceptLine + KAcceptCharsetLine +
+                                 "Content-Type: application/x-www-form-urlencoded\r\n" +
+                                 "Content-Length: 11\r\n" + KVuaLine + "\r\n" + "Connection: close\r\n" +
+                                 "\r\n" + "a=1&b=hello";
+    const std::string got = Post(data, "a=1&b=hello");
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(got)));
+}
+
+TEST_F(HttpDataTest, FixedLinesHaveTheirDocumentedLengths)
+{
+    EXPECT_EQ(180u, std::string(KAcceptLine).size());
+    EXPECT_EQ(41u, std::string(KAcceptCharsetLine).size());
+}
+
+TEST_F(HttpDataTest, ReportedLengthCoversExactlyTheBytes)
+{
+    data.SetURL("http://a.test/x");
+    int len = 0;
+    std::unique_ptr<unsigned char[]> bytes(data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+    ASSERT_TRUE(bytes);
+    const std::string head(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(len));
+    EXPECT_EQ(head.size() - 4, head.find("\r\n\r\n"));
+}
+
+// ------------------------------------------------------------ no request
+
+TEST_F(HttpDataTest, UrlWithoutSchemeProducesNoRequest)
+{
+    data.SetURL("srv.test/news");
+    int len = 123;
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodPost, len, 0, 0));
+    EXPECT_EQ(nullptr, data.PartialGetMethodData(len, 0, false, 0));
+    EXPECT_EQ(123, len);
+}
+
+TEST_F(HttpDataTest, EmptyUrlProducesNoRequest)
+{
+    int len = 5;
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+    EXPECT_EQ(nullptr, data.PartialGetMethodData(len, 0, false, 3));
+    EXPECT_EQ(5, len);
+}
+
+TEST_F(HttpDataTest, SchemeWithNothingAfterItProducesNoRequest)
+{
+    data.SetURL("http://");
+    int len = 0;
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+}
+
+TEST_F(HttpDataTest, UrlStartingWithHashIsItsOwnHost)
+{
+    data.SetURL("#anchor");
+    const std::string head = Get(data);
+    EXPECT_EQ("GET / HTTP/1.1", FirstLine(head));
+    EXPECT_NE(std::string::npos, head.find("\r\nHost: #anchor\r\n"));
+}
+
+// ------------------------------------------------------------ targets
+
+TEST_F(HttpDataTest, HostWithoutPathRequestsSlash)
+{
+    data.SetURL("http://host");
+    EXPECT_EQ("GET / HTTP/1.1", FirstLine(Get(data)));
+    EXPECT_EQ("POST / HTTP/1.1", FirstLine(Post(data, "")));
+}
+
+TEST_F(HttpDataTest, AbsoluteTargetAddsSlashOnlyWithoutPath)
+{
+    data.SetURL("http://host");
+    EXPECT_EQ("GET http://host/ HTTP/1.1", FirstLine(Build([&](int& len) { return data.GetMethodData(17, len, 0, 1); })));
+    EXPECT_EQ("POST http://host/ HTTP/1.1",
+              FirstLine(Build([&](int& len) { return data.HttpHead_Post(len, 0, 0, nullptr, true, false, false, 0); })));
+    data.SetURL("http://host/p?q");
+    EXPECT_EQ("GET http://host/p?q HTTP/1.1", FirstLine(Build([&](int& len) { return data.GetMethodData(17, len, 0, 1); })));
+}
+
+TEST_F(HttpDataTest, QueryWithoutPathGetsSlashForGetButNotForPost)
+{
+    data.SetURL("http://host?q=1");
+    EXPECT_EQ("GET /?q=1 HTTP/1.1", FirstLine(Get(data)));
+    EXPECT_EQ("POST ?q=1 HTTP/1.1", FirstLine(Post(data, "x")));
+}
+
+TEST_F(HttpDataTest, SpacesBecomePercent20OnlyThroughTheTextForm)
+{
+    data.SetURL("http://h/a b c");
+    EXPECT_STREQ("http://h/a%20b%20c", data.GetURL().GetDataPtr());
+    EXPECT_EQ("GET /a%20b%20c HTTP/1.1", FirstLine(Get(data)));
+
+    const char raw[] = "http://h/a b";
+    data.SetURL(raw, static_cast<int>(sizeof raw - 1));
+    EXPECT_STREQ("http://h/a b", data.GetURL().GetDataPtr());
+    EXPECT_EQ("GET /a b HTTP/1.1", FirstLine(Get(data)));
+}
+
+TEST_F(HttpDataTest, SetUrlIgnoresNullAndEmptyInput)
+{
+    data.SetURL("http://kept/");
+    data.SetURL(nullptr);
+    EXPECT_STREQ("http://kept/", data.GetURL().GetDataPtr());
+    data.SetURL("http://x/", 0);
+    data.SetURL("http://x/", -1);
+    data.SetURL(nullptr, 5);
+    EXPECT_STREQ("http://kept/", data.GetURL().GetDataPtr());
+    data.SetURL("http://x/", 8);
+    EXPECT_STREQ("http://x", data.GetURL().GetDataPtr());
+}
+
+// ------------------------------------------------------------ optional lines
+
+TEST_F(HttpDataTest, OnlyTheGzipModeSendsAcceptEncoding)
+{
+    data.SetURL("http://h/");
+    EXPECT_EQ(std::string::npos, Get(data, 0).find("Accept-Encoding"));
+    EXPECT_EQ(std::string::npos, Get(data, 1).find("Accept-Encoding"));
+    EXPECT_EQ(std::string::npos, Get(data, static_cast<int>(0xE0000000u)).find("Accept-Encoding"));
+    EXPECT_NE(std::string::npos, Get(data, KGzip).find("\r\nAccept-Encoding: gzip\r\nConnection: close\r\n"));
+    EXPECT_EQ(std::string::npos, Post(data, "a", 1).find("Accept-Encoding"));
+    EXPECT_NE(std::string::npos,
+              Post(data, "a", KGzip).find(std::string(KVuaLine) + "\r\nAccept-Encoding: gzip\r\nConnection"));
+}
+
+TEST_F(HttpDataTest, RangeStartZeroAsksFromTheFirstByte)
+{
+    data.SetURL("http://h/f");
+    const std::string head = Build([&](int& len) { return data.PartialGetMethodData(len, 0, false, 0); });
+    EXPECT_NE(std::string::npos,
+              head.find(std::string(KAcceptCharsetLine) + "Range: bytes=0-\r\nConnection: close\r\n\r\n"));
+}
+
+TEST_F(HttpDataTest, RangeMinusOneSendsNoRangeLine)
+{
+    data.SetURL("http://h/f");
+    EXPECT_EQ(std::string::npos, Build([&](int& len) { return data.PartialGetMethodData(len, 0, false, -1); }).find("Range"));
+    EXPECT_NE(std::string::npos,
+              Build([&](int& len) { return data.PartialGetMethodData(len, KGzip, false, 1048576); })
+                  .find("Accept-Encoding: gzip\r\nRange: bytes=1048576-\r\n"));
+}
+
+TEST_F(HttpDataTest, IdVersionLineHasNoBlankAfterColon)
+{
+    data.SetURL("http://h/f");
+    const std::string get = Build([&](int& len) { return data.HttpHead_Get(len, KGzip, false, 5, true, 4000000000u); });
+    EXPECT_NE(std::string::npos,
+              get.find("Accept-Encoding: gzip\r\nRange: bytes=5-\r\nidversion:4000000000\r\nConnection: close\r\n"));
+    const std::string post = Build([&](int& len) { return data.GetMethodData(18, len, KGzip, 0, 0, 1,
+                                                     reinterpret_cast<unsigned char*>(const_cast<char*>("z")),
+                                                     true, 12); });
+    EXPECT_NE(std::string::npos, post.find("Accept-Encoding: gzip\r\nidversion:12\r\nConnection: close\r\n\r\nz"));
+}
+
+TEST_F(HttpDataTest, MultipartPostContentType)
+{
+    data.SetURL("http://h/up");
+    EXPECT_NE(std::string::npos,
+              Post(data, "x", 0, true).find("\r\nContent-Type: multipart/form-data\r\nContent-Length: 1\r\n"));
+}
+
+TEST_F(HttpDataTest, EmptyPostBodySaysLengthZero)
+{
+    data.SetURL("http://h/up");
+    const std::string head = Post(data, "");
+    EXPECT_NE(std::string::npos, head.find("\r\nContent-Length: 0\r\n"));
+    EXPECT_EQ(head.size() - 4, head.find("\r\n\r\n"));
+}
+
+TEST_F(HttpDataTest, NullBodyWithPositiveLengthFailsTheSizeCheck)
+{
+    data.SetURL("http://h/up");
+    EXPECT_DEATH(
+        {
+            int len = 0;
+            delete[] data.HttpHead_Post(len, 0, 10, nullptr, false, false, false, 0);
+        },
+        "nDataLen == nHeadLen.*src/HttpData");
+}
+
+TEST_F(HttpDataTest, UnknownMethodIsFatal)
+{
+    data.SetURL("http://h/");
+    EXPECT_DEATH(
+        {
+            int len = 0;
+            delete[] data.GetMethodData(19, len, 0, 0);
+        },
+        "FALSE.*src/HttpData");
+}
+
+TEST_F(HttpDataTest, ExtraHeaderFromConfigurationGoesOutFirstOnly)
+{
+    CQSString k1("X-First"), v1("1"), k2("X-Second"), v2("2");
+    CHttpConfig::AddHeader(k1, v1);
+    CHttpConfig::AddHeader(k2, v2);
+    data.SetURL("http://h/");
+    const std::string get = Get(data);
+    const std::string post = Post(data, "b");
+    CHttpConfig::RemoveHeader(k1);
+    CHttpConfig::RemoveHeader(k2);
+
+    EXPECT_NE(std::string::npos, get.find(std::string(KVuaLine) + "\r\nX-First: 1\r\nAccept: "));
+    EXPECT_NE(std::string::npos, post.find(std::string(KUserAgentLine) + "\r\nX-First: 1\r\nAccept: "));
+    EXPECT_EQ(std::string::npos, get.find("X-Second"));
+    EXPECT_EQ(std::string::npos, post.find("X-Second"));
+    EXPECT_EQ(std::string::npos, Get(data).find("X-First"));
+}
+
+TEST_F(HttpDataTest, RequestsAlwaysCloseTheConnection)
+{
+    data.SetURL("http://h/");
+    const std::string get = Get(data);
+    EXPECT_EQ(get.size() - 21, get.find("Connection: close\r\n\r\n"));
+}
+
+// ------------------------------------------------------------ two-pass writers
+
+TEST_F(HttpDataTest, WritersCountWithNullAndWriteTheSameCount)
+{
+    data.SetURL("http://h.test:81/p");
+    unsigned char buffer[512];
+
+    struct Row
+    {
+        const char* name;
+        std::function<int(unsigned char*)> writer;
+        std::string expected;
+    };
+    const Row rows[] = {
+        {"newlines-0", [&](unsigned char* o) { return data.CopyHttpHeader_NewLineFlag(0, o); }, ""},
+        {"newlines-2", [&](unsigned char* o) { return data.CopyHttpHeader_NewLineFlag(2, o); }, "\r\n\r\n"},
+        {"accept", [&](unsigned char* o) { return data.CopyHttpHeader_Accept(o); }, "Accept: */*;q=0.6\r\n"},
+        {"host", [&](unsigned char* o) { return data.CopyHttpHeader_Host(o); }, "Host: h.test:81\r\n"},
+        {"user-agent", [&](unsigned char* o) { return data.CopyHttpHeader_UserAgent(o); },
+         std::string(KUserAgentLine) + "\r\n" + KVuaLine + "\r\n"},
+        {"content-length", [&](unsigned char* o) { return data.CopyHttpHeader_ContentLenght(1000, o); },
+         "Content-Length: 1000\r\n"},
+        {"method-get", [&](unsigned char* o) { return data.CopyHttpHeader_Method(CHttpData::HM_Get, false, o); },
+         "GET /p HTTP/1.1\r\n"},
+        {"method-post-absolute",
+         [&](unsigned char* o) { return data.CopyHttpHeader_Method(CHttpData::HM_Post, true, o); },
+         "POST http://h.test:81/p/ HTTP/1.1\r\n"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const int counted = row.writer(nullptr);
+        EXPECT_EQ(static_cast<int>(row.expected.size()), counted);
+        std::fill(std::begin(buffer), std::end(buffer), 0xAB);
+        const int written = row.writer(buffer);
+        EXPECT_EQ(counted, written);
+        EXPECT_EQ(row.expected, std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(written)));
+        EXPECT_EQ(0xAB, buffer[written]) << "wrote past its count";
+    }
+}
+
+TEST_F(HttpDataTest, AcceptWriterIsNineteenBytes)
+{
+    EXPECT_EQ(19, data.CopyHttpHeader_Accept(nullptr));
+}
+
+TEST_F(HttpDataTest, HostWriterRefusesAUrlWithoutHost)
+{
+    data.SetURL("ftp://h/");
+    EXPECT_EQ(-1, data.CopyHttpHeader_Host(nullptr));
+    data.SetURL("http:///path");
+    EXPECT_EQ(-1, data.CopyHttpHeader_Host(nullptr));
+}
+
+TEST_F(HttpDataTest, MethodWriterPathOrSlash)
+{
+    unsigned char buffer[128];
+    data.SetURL("http://h?x");
+    int n = data.CopyHttpHeader_Method(CHttpData::HM_Post, false, buffer);
+    EXPECT_EQ("POST ?x HTTP/1.1\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+    data.SetURL("http://h");
+    n = data.CopyHttpHeader_Method(CHttpData::HM_Get, false, buffer);
+    EXPECT_EQ("GET / HTTP/1.1\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+    n = data.CopyHttpHeader_Method(CHttpData::HM_Get, true, buffer);
+    EXPECT_EQ("GET http://h/ HTTP/1.1\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+}
+
+TEST_F(HttpDataTest, MethodWriterUnknownMethodIsFatal)
+{
+    data.SetURL("http://h/");
+    EXPECT_DEATH(data.CopyHttpHeader_Method(static_cast<CHttpData::enHttpMethod>(2), false, nullptr),
+                 "FALSE.*src/HttpData");
+}
+
+// ------------------------------------------------------------ dissection
+
+struct UrlRow
+{
+    const char* name;
+    const char* url;
+    const char* host;      // FindHost, "<null>" for a null pointer
+    const char* hostUrl;   // FindHostURL
+    const char* path;      // FindPath
+    int port;
+    bool secure;
+};
+
+void PrintTo(const UrlRow& row, std::ostream* os)
+{
+    *os << row.name << " (" << row.url << ")";
+}
+
+class UrlDissection : public ::testing::TestWithParam<UrlRow>
+{
+};
+
+TEST_P(UrlDissection, HostPortPath)
+{
+    const UrlRow& row = GetParam();
+    CHttpData data;
+    data.SetURL(row.url);
+    int len = -1;
+    const char* host = data.FindHost(len);
+    EXPECT_EQ(row.host, Span(host, len));
+    if (!host) {
+        EXPECT_EQ(0, len);
+    }
+    len = -1;
+    const char* hostUrl = data.FindHostURL(len);
+    EXPECT_EQ(row.hostUrl, Span(hostUrl, len));
+    if (!hostUrl) {
+        EXPECT_EQ(0, len);
+    }
+    len = -1;
+    const char* path = data.FindPath(len);
+    EXPECT_EQ(row.path, Span(path, len));
+    if (!path) {
+        EXPECT_EQ(0, len);
+    }
+    EXPECT_EQ(row.port, data.FindPort());
+    EXPECT_EQ(row.secure, data.IsSecureConnection());
+
+    const std::unique_ptr<CQSString> hostCopy(CHttpData::FindHost(CQSString(row.url)));
+    ASSERT_TRUE(hostCopy);
+    EXPECT_EQ(std::string(row.host) == "<null>" ? std::string() : std::string(row.host),
+              std::string(hostCopy->GetDataPtr()));
+}
+
+const UrlRow kUrlRows[] = {
+    {"plain", "http://srv.test/a/b?c=1", "srv.test", "srv.test", "/a/b?c=1", 80, false},
+    {"with-port", "http://srv.test:8080/news?id=7", "srv.test", "srv.test:8080", "/news?id=7", 8080, false},
+    {"no-path", "http://host", "host", "host", "<null>", 80, false},
+    {"query-only", "http://host?q=1", "host", "host", "?q=1", 80, false},
+    {"https-default", "https://h", "h", "h", "<null>", 443, true},
+    {"https-port", "https://h:8443/", "h", "h:8443", "/", 8443, true},
+    {"https-empty-port", "https://h:/x", "h", "h:", "/x", 80, true},
+    {"port-not-a-number", "http://h:abc/", "h", "h:abc", "/", 80, false},
+    {"port-zero", "http://h:0/", "h", "h:0", "/", 80, false},
+    {"port-digits-then-text", "http://h:81x/", "h", "h:81x", "/", 81, false},
+    {"port-before-query", "http://h:82?x", "h", "h:82", "?x", 82, false},
+    {"no-scheme", "srv.test/a", "<null>", "<null>", "<null>", 80, false},
+    {"other-scheme", "ftp://srv.test/a", "<null>", "<null>", "<null>", 80, false},
+    {"nothing-after-scheme", "http://", "<null>", "<null>", "<null>", 80, false},
+    {"https-nothing-after-scheme", "https://", "<null>", "<null>", "<null>", 443, true},
+    {"slash-right-after-scheme", "http:///p", "", "", "/p", 80, false},
+    {"colon-right-after-scheme", "http://:90/p", "", ":90", "/p", 90, false},
+    {"scheme-found-anywhere", "see http://in.text/x", "in.text", "in.text", "/x", 80, false},
+    {"http-wins-over-https", "https://a.test/?r=http://b.test:9/z", "b.test", "b.test:9", "/z", 9, true},
+    {"hash-url", "#frag", "<null>", "#frag", "<null>", 80, false},
+    {"empty", "", "<null>", "<null>", "<null>", 80, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, UrlDissection, ::testing::ValuesIn(kUrlRows),
+                         [](const ::testing::TestParamInfo<UrlRow>& info) {
+                             std::string name = info.param.name;
+                             for (char& c : name) {
+                                 if (c == '-')
+                                     c = '_';
+                             }
+                             return name;
+                         });
+
+TEST_F(HttpDataTest, FindHostOnAnyUrl)
+{
+    int len = 0;
+    const CQSString url("http://mail.shop.org:25/inbox");
+    const char* host = CHttpData::FindHost(url, len);
+    ASSERT_NE(nullptr, host);
+    EXPECT_EQ(url.GetDataPtr() + 7, host);
+    EXPECT_EQ(13, len);
+}
+
+TEST_F(HttpDataTest, IsSameHostIsCaseSensitiveAndIgnoresThePort)
+{
+    data.SetURL("http://srv.test:8080/a");
+    EXPECT_TRUE(data.IsSameHost("http://srv.test/b"));
+    EXPECT_TRUE(data.IsSameHost("https://srv.test:443/"));
+    EXPECT_FALSE(data.IsSameHost("http://SRV.test/b"));
+    EXPECT_FALSE(data.IsSameHost("http://other.test/b"));
+    EXPECT_FALSE(data.IsSameHost("srv.test"));
+    EXPECT_FALSE(data.IsSameHost(nullptr));
+}
+
+TEST_F(HttpDataTest, IsSameHostNeedsAHostOfItsOwn)
+{
+    EXPECT_FALSE(data.IsSameHost("http://a/"));
+    data.SetURL("http:///x");
+    EXPECT_FALSE(data.IsSameHost("http:///y"));
+}
+
+TEST_F(HttpDataTest, IsSecureConnectionLooksAnywhere)
+{
+    EXPECT_FALSE(data.IsSecureConnection());
+    data.SetURL("http://a/?next=https://b/");
+    EXPECT_TRUE(data.IsSecureConnection());
+    data.SetURL("HTTPS://a/");
+    EXPECT_FALSE(data.IsSecureConnection());
+}
+
+}  // namespace
