@@ -62,7 +62,7 @@ CHttpConfig* CHttpConfig::Instance()
     return config;
 }
 
-void CHttpConfig::AddHeader(CQSString& key, CQSString& value)
+void CHttpConfig::AddHeader(const CQSString& key, const CQSString& value)
 {
     QT_ALWAYS_ASSERT(!key.IsEmpty() && !value.IsEmpty(), "src/HttpConfig");
     CHttpConfig* config = Instance();
@@ -89,7 +89,7 @@ void CHttpConfig::AddHeader(CQSString& key, CQSString& value)
     }
 }
 
-void CHttpConfig::RemoveHeader(CQSString& key)
+void CHttpConfig::RemoveHeader(const CQSString& key)
 {
     CHttpConfig* config = Instance();
     if (!config)

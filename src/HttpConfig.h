@@ -18,9 +18,9 @@ public:
 
     // Both must be non-empty (fatal assertion otherwise). An entry with the
     // same name is removed first, so the new one goes to the end.
-    static void AddHeader(CQSString& key, CQSString& value);
+    static void AddHeader(const CQSString& key, const CQSString& value);
     // Removes every entry whose name compares equal (exact bytes).
-    static void RemoveHeader(CQSString& key);
+    static void RemoveHeader(const CQSString& key);
     // Appends "name: value" of entry index to out (out is not cleared) and
     // returns true; false, with out untouched, for an index out of range.
     static bool GetKeyValue(int index, CQSString& out);

@@ -203,7 +203,7 @@ void CHttpData::SetURL(const char* data, int len)
     m_strURL.SetData(reinterpret_cast<const unsigned char*>(data), len);
 }
 
-void CHttpData::SetUserAgent(CQSString&, CQSString&, CQSString&)
+void CHttpData::SetUserAgent(const CQSString&, const CQSString&, const CQSString&)
 {
 }
 

@@ -54,7 +54,7 @@ public:
     CQSString& GetVUserAgent() { return m_strVUserAgent; }
     // The lines are fixed at construction; this call deliberately changes
     // nothing.
-    void SetUserAgent(CQSString& userAgent, CQSString& vua, CQSString& extra);
+    void SetUserAgent(const CQSString& userAgent, const CQSString& vua, const CQSString& extra);
 
     // ---- URL dissection (no allocation except FindHost(const CQSString&))
     // Host of url: ends at the first "/", ":" or "?". Null and len 0 without

@@ -246,8 +246,7 @@ int CQFile::Close()
 {
     if (m_nFd < 0)
         return KFailed;
-    FlushCache();
-    bool ok = !m_bWriteFailed;
+    bool ok = FlushCache() && !m_bWriteFailed;
     // POSIX leaves the descriptor state unspecified after EINTR from close;
     // on Linux it is always released, so it is not retried.
     if (::close(m_nFd) != 0 && errno != EINTR)

@@ -90,8 +90,9 @@ public:
 private:
     int OpenFile(const wchar_t* path, unsigned mode, int cacheBytes);
     // Write all len bytes to the descriptor; false on any failure.
-    bool WriteAll(const unsigned char* data, int len);
-    bool FlushCache();
+    [[nodiscard]] bool WriteAll(const unsigned char* data, int len);
+    // Write out the cached bytes; false when they could not all be written.
+    [[nodiscard]] bool FlushCache();
 
     int m_nFd = -1;
     std::unique_ptr<unsigned char[]> m_pCache;

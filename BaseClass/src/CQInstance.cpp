@@ -9,8 +9,10 @@ constexpr int KRefused = 0;
 
 CQInstance* CQInstance::Instance()
 {
-    static CQInstance registry;
-    return &registry;
+    // Never destroyed: objects released at exit may still look themselves up,
+    // whatever the order in which static objects go away.
+    static CQInstance* const registry = new CQInstance;
+    return registry;
 }
 
 void* CQInstance::GetByUid(int uid) const

@@ -20,7 +20,7 @@ public:
     CQSString();
     CQSString(const char* text);
     CQSString(const char* data, int len);
-    explicit CQSString(const CQWString& wide);
+    CQSString(const CQWString& wide);
     CQSString(const CQSString& other);
     CQSString(CQSString&& other) noexcept;
     ~CQSString();
@@ -125,8 +125,8 @@ class CQWString
 public:
     CQWString();
     CQWString(const wchar_t* text);
-    explicit CQWString(const CQSString& narrow);
-    explicit CQWString(const QString& text);
+    CQWString(const CQSString& narrow);
+    CQWString(const QString& text);
     CQWString(const CQWString& other);
     CQWString(CQWString&& other) noexcept;
     ~CQWString();

@@ -654,9 +654,9 @@ TEST(CQSString, MakeLowerOnEmptyString)
 
 TEST(CQSString, MakeUpperFoldsAsciiLettersOnly)
 {
-    CQSString s("gzip, deflate; q=0.5 \xe4");
+    CQSString s("gzip, deflate; q=0.5 @[`{ \xe4");
     s.MakeUpper();
-    EXPECT_EQ("GZIP, DEFLATE; Q=0.5 \xe4", Bytes(s));
+    EXPECT_EQ("GZIP, DEFLATE; Q=0.5 @[`{ \xe4", Bytes(s));
 }
 
 // ----------------------------------------------------------------- Replace
