@@ -16,6 +16,11 @@ bool IsBlank(char c)
     return c == ' ' || c == '\t';
 }
 
+bool IsBlankOrLineEnd(char c)
+{
+    return IsBlank(c) || c == '\r' || c == '\n';
+}
+
 char LowerAscii(char c)
 {
     return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
@@ -30,20 +35,17 @@ bool EqualNoCase(const char* a, const char* b, int n)
     return true;
 }
 
-int SafeLength(const char* text)
+// Length of a NUL-terminated text; 0 for null, -1 when too long for an int.
+template <class CharT>
+int TextLength(const CharT* text)
 {
     if (!text)
         return 0;
-    const size_t n = std::strlen(text);
-    return n > static_cast<size_t>(INT_MAX - 1) ? -1 : static_cast<int>(n);
-}
-
-int SafeLength(const wchar_t* text)
-{
-    if (!text)
-        return 0;
-    const size_t n = std::wcslen(text);
-    return n > static_cast<size_t>(INT_MAX / static_cast<int>(sizeof(wchar_t)) - 1) ? -1 : static_cast<int>(n);
+    const CharT* end = text;
+    while (*end)
+        ++end;
+    const size_t n = static_cast<size_t>(end - text);
+    return n > static_cast<size_t>(velanet::StringStorage<CharT>::KMaxLength) ? -1 : static_cast<int>(n);
 }
 
 // Index of pattern[0..patLen) in data[0..len) at or after start; -1 if absent.
@@ -68,6 +70,73 @@ int FindBytes(const char* data, int len, const char* pattern, int patLen, int st
     return -1;
 }
 
+int FindChars(const wchar_t* data, int len, const wchar_t* pattern, int patLen, int start)
+{
+    for (int i = start; i + patLen <= len; ++i) {
+        if (std::wmemcmp(data + i, pattern, static_cast<size_t>(patLen)) == 0)
+            return i;
+    }
+    return -1;
+}
+
+int FindChars(const char* data, int len, const char* pattern, int patLen, int start)
+{
+    return FindBytes(data, len, pattern, patLen, start);
+}
+
+// Replaces every occurrence of oldText, left to right without rescanning
+// what was put in, building the result in one exactly sized allocation.
+// Returns the count of replacements; 0 when there is none or on failure.
+template <class CharT>
+int ReplaceAll(velanet::StringStorage<CharT>& text, const CharT* oldText, const CharT* newText)
+{
+    const int oldLen = TextLength(oldText);
+    const int newLen = TextLength(newText);
+    const int len = text.Length();
+    const CharT* data = text.Data();
+    if (oldLen <= 0 || newLen < 0 || len == 0)
+        return 0;
+
+    int count = 0;
+    for (int pos = FindChars(data, len, oldText, oldLen, 0); pos >= 0;
+         pos = FindChars(data, len, oldText, oldLen, pos + oldLen))
+        ++count;
+    if (count == 0)
+        return 0;
+
+    const long long resultLen = static_cast<long long>(len) + static_cast<long long>(count) * (newLen - oldLen);
+    if (resultLen > velanet::StringStorage<CharT>::KMaxLength)
+        return 0;
+    CharT* fresh = new (std::nothrow) CharT[static_cast<size_t>(resultLen) + 1];
+    if (!fresh)
+        return 0;
+    int from = 0;
+    int to = 0;
+    for (int pos = FindChars(data, len, oldText, oldLen, 0); pos >= 0;
+         pos = FindChars(data, len, oldText, oldLen, from)) {
+        std::copy(data + from, data + pos, fresh + to);
+        to += pos - from;
+        std::copy(newText, newText + newLen, fresh + to);
+        to += newLen;
+        from = pos + oldLen;
+    }
+    std::copy(data + from, data + len, fresh + to);
+    to += len - from;
+    fresh[to] = CharT();
+    text.Adopt(fresh, to);
+    return count;
+}
+
+// Decimal digits from index i; stops at the first non-digit. Wraps as
+// unsigned 32-bit arithmetic.
+unsigned int ReadDecimal(const char* data, int len, int i)
+{
+    unsigned int value = 0;
+    for (; i < len && data[i] >= '0' && data[i] <= '9'; ++i)
+        value = value * 10u + static_cast<unsigned int>(data[i] - '0');
+    return value;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- CQSString
@@ -89,45 +158,6 @@ CQSString::CQSString(const CQWString& wide)
     SetData(&wide);
 }
 
-CQSString::CQSString(const CQSString& other)
-{
-    Assign(other.m_pData, other.m_nLength);
-}
-
-CQSString::CQSString(CQSString&& other) noexcept
-    : m_pData(other.m_pData), m_nLength(other.m_nLength), m_nCapacity(other.m_nCapacity)
-{
-    other.m_pData = nullptr;
-    other.m_nLength = 0;
-    other.m_nCapacity = 0;
-}
-
-CQSString::~CQSString()
-{
-    delete[] m_pData;
-}
-
-CQSString& CQSString::operator=(const CQSString& other)
-{
-    if (this != &other)
-        Assign(other.m_pData, other.m_nLength);
-    return *this;
-}
-
-CQSString& CQSString::operator=(CQSString&& other) noexcept
-{
-    if (this != &other) {
-        delete[] m_pData;
-        m_pData = other.m_pData;
-        m_nLength = other.m_nLength;
-        m_nCapacity = other.m_nCapacity;
-        other.m_pData = nullptr;
-        other.m_nLength = 0;
-        other.m_nCapacity = 0;
-    }
-    return *this;
-}
-
 CQSString& CQSString::operator=(const char* text)
 {
     SetData(text);
@@ -140,68 +170,15 @@ CQSString& CQSString::operator=(const CQWString& wide)
     return *this;
 }
 
-int CQSString::Reserve(int capacity)
-{
-    if (capacity < 0)
-        return 0;
-    if (capacity + 1 <= m_nCapacity)
-        return 1;
-    // Grow geometrically so repeated appends stay linear.
-    int newCapacity = std::max(capacity + 1, 16);
-    if (m_nCapacity > 0 && m_nCapacity < INT_MAX / 2)
-        newCapacity = std::max(newCapacity, m_nCapacity * 2);
-    char* fresh = new (std::nothrow) char[static_cast<size_t>(newCapacity)];
-    if (!fresh)
-        return 0;
-    if (m_nLength > 0)
-        std::memcpy(fresh, m_pData, static_cast<size_t>(m_nLength));
-    fresh[m_nLength] = '\0';
-    delete[] m_pData;
-    m_pData = fresh;
-    m_nCapacity = newCapacity;
-    return 1;
-}
-
-int CQSString::Assign(const char* data, int len)
-{
-    if (len < 0)
-        return 0;
-    if (len == 0 || !data) {
-        Empty();
-        return 1;
-    }
-    // The source may point into this string: copy before releasing.
-    if (data >= m_pData && data < m_pData + m_nCapacity) {
-        std::memmove(m_pData, data, static_cast<size_t>(len));
-        m_nLength = len;
-        m_pData[len] = '\0';
-        return 1;
-    }
-    if (len + 1 > m_nCapacity) {
-        char* fresh = new (std::nothrow) char[static_cast<size_t>(len) + 1];
-        if (!fresh)
-            return 0;
-        delete[] m_pData;
-        m_pData = fresh;
-        m_nCapacity = len + 1;
-    }
-    std::memcpy(m_pData, data, static_cast<size_t>(len));
-    m_nLength = len;
-    m_pData[len] = '\0';
-    return 1;
-}
-
 int CQSString::SetData(const char* text)
 {
-    const int len = SafeLength(text);
-    return len < 0 ? 0 : Assign(text, len);
+    const int len = TextLength(text);
+    return len < 0 ? 0 : m_text.Assign(text, len);
 }
 
 int CQSString::SetData(const unsigned char* data, int len)
 {
-    if (len < 0 || (!data && len > 0))
-        return 0;
-    return Assign(reinterpret_cast<const char*>(data), len);
+    return m_text.Assign(reinterpret_cast<const char*>(data), len);
 }
 
 int CQSString::SetData(const CQWString* wide)
@@ -218,194 +195,123 @@ int CQSString::SetData(const CQWString* wide)
     for (int i = 0; i < len; ++i)
         fresh[i] = static_cast<char>(static_cast<unsigned int>(src[i]) & 0xFFu);
     fresh[len] = '\0';
-    delete[] m_pData;
-    m_pData = fresh;
-    m_nLength = len;
-    m_nCapacity = len + 1;
+    m_text.Adopt(fresh, len);
     return 1;
 }
 
 int CQSString::AppendData(const char* text)
 {
-    const int len = SafeLength(text);
-    return len < 0 ? 0 : AppendData(reinterpret_cast<const unsigned char*>(text), len);
+    const int len = TextLength(text);
+    return len < 0 ? 0 : m_text.Append(text, len);
 }
 
 int CQSString::AppendData(const unsigned char* data, int len)
 {
-    if (len < 0 || (!data && len > 0))
-        return 0;
-    if (len == 0)
-        return 1;
-    if (len > INT_MAX - 1 - m_nLength)
-        return 0;
-    // The source may point into this string; remember its offset.
-    const bool inside = m_pData && reinterpret_cast<const char*>(data) >= m_pData &&
-                        reinterpret_cast<const char*>(data) < m_pData + m_nCapacity;
-    const ptrdiff_t offset = inside ? reinterpret_cast<const char*>(data) - m_pData : 0;
-    if (!Reserve(m_nLength + len))
-        return 0;
-    const char* src = inside ? m_pData + offset : reinterpret_cast<const char*>(data);
-    std::memmove(m_pData + m_nLength, src, static_cast<size_t>(len));
-    m_nLength += len;
-    m_pData[m_nLength] = '\0';
-    return 1;
+    return m_text.Append(reinterpret_cast<const char*>(data), len);
 }
 
 int CQSString::AppendChar(char c)
 {
-    return AppendData(reinterpret_cast<const unsigned char*>(&c), 1);
-}
-
-void CQSString::Empty()
-{
-    m_nLength = 0;
-    if (m_pData)
-        m_pData[0] = '\0';
+    return m_text.Append(&c, 1);
 }
 
 int CQSString::GetAt(int index) const
 {
-    if (index < 0 || index >= m_nLength)
+    if (index < 0 || index >= GetLength())
         return 0;
-    return static_cast<unsigned char>(m_pData[index]);
+    return static_cast<unsigned char>(GetDataPtr()[index]);
 }
 
 int CQSString::Compare(const char* text) const
 {
-    const int len = SafeLength(text);
-    const int common = std::min(len, m_nLength);
+    const int len = TextLength(text);
+    const int ownLen = GetLength();
+    const int common = std::min(len, ownLen);
     if (common > 0) {
-        const int r = std::memcmp(m_pData, text, static_cast<size_t>(common));
+        const int r = std::memcmp(GetDataPtr(), text, static_cast<size_t>(common));
         if (r != 0)
             return r < 0 ? -1 : 1;
     }
-    if (m_nLength == len)
+    if (ownLen == len)
         return 0;
-    return m_nLength < len ? -1 : 1;
-}
-
-bool CQSString::operator==(const CQSString& other) const
-{
-    return m_nLength == other.m_nLength &&
-           (m_nLength == 0 || std::memcmp(m_pData, other.m_pData, static_cast<size_t>(m_nLength)) == 0);
+    return ownLen < len ? -1 : 1;
 }
 
 int CQSString::Find(const char* pattern, int start) const
 {
     if (!pattern)
         return -1;
-    return FindBytes(GetDataPtr(), m_nLength, pattern, SafeLength(pattern), start);
+    return FindBytes(GetDataPtr(), GetLength(), pattern, TextLength(pattern), start);
 }
 
 int CQSString::Find(char c, int start) const
 {
-    return FindBytes(GetDataPtr(), m_nLength, &c, 1, start);
+    return FindBytes(GetDataPtr(), GetLength(), &c, 1, start);
 }
 
 bool CQSString::IsStartWith(const char* prefix) const
 {
-    const int len = SafeLength(prefix);
-    return len <= m_nLength && (len == 0 || std::memcmp(m_pData, prefix, static_cast<size_t>(len)) == 0);
+    const int len = TextLength(prefix);
+    return len <= GetLength() && std::memcmp(GetDataPtr(), prefix ? prefix : "", static_cast<size_t>(len)) == 0;
 }
 
 bool CQSString::IsStartWithNoCase(const char* prefix) const
 {
-    const int len = SafeLength(prefix);
-    return len <= m_nLength && EqualNoCase(GetDataPtr(), prefix, len);
+    const int len = TextLength(prefix);
+    return len <= GetLength() && EqualNoCase(GetDataPtr(), prefix, len);
 }
 
 bool CQSString::IsEndWith(const char* suffix) const
 {
-    const int len = SafeLength(suffix);
-    return len <= m_nLength &&
-           (len == 0 || std::memcmp(m_pData + m_nLength - len, suffix, static_cast<size_t>(len)) == 0);
+    const int len = TextLength(suffix);
+    return len <= GetLength() &&
+           std::memcmp(GetDataPtr() + GetLength() - len, suffix ? suffix : "", static_cast<size_t>(len)) == 0;
 }
 
 bool CQSString::IsEndWithNoCase(const char* suffix) const
 {
-    const int len = SafeLength(suffix);
-    return len <= m_nLength && (len == 0 || EqualNoCase(m_pData + m_nLength - len, suffix, len));
+    const int len = TextLength(suffix);
+    return len <= GetLength() && EqualNoCase(GetDataPtr() + GetLength() - len, suffix, len);
 }
 
 void CQSString::MakeLower()
 {
-    for (int i = 0; i < m_nLength; ++i)
-        m_pData[i] = LowerAscii(m_pData[i]);
+    char* data = m_text.MutableData();
+    for (int i = 0; i < GetLength(); ++i)
+        data[i] = LowerAscii(data[i]);
 }
 
 void CQSString::MakeUpper()
 {
-    for (int i = 0; i < m_nLength; ++i) {
-        if (m_pData[i] >= 'a' && m_pData[i] <= 'z')
-            m_pData[i] = static_cast<char>(m_pData[i] - 'a' + 'A');
+    char* data = m_text.MutableData();
+    for (int i = 0; i < GetLength(); ++i) {
+        if (data[i] >= 'a' && data[i] <= 'z')
+            data[i] = static_cast<char>(data[i] - 'a' + 'A');
     }
 }
 
 int CQSString::Replace(const char* oldText, const char* newText)
 {
-    const int oldLen = SafeLength(oldText);
-    const int newLen = SafeLength(newText);
-    if (oldLen <= 0 || newLen < 0 || m_nLength == 0)
-        return 0;
-
-    // Count first so the result is built in one exactly sized allocation.
-    int count = 0;
-    for (int pos = FindBytes(m_pData, m_nLength, oldText, oldLen, 0); pos >= 0;
-         pos = FindBytes(m_pData, m_nLength, oldText, oldLen, pos + oldLen))
-        ++count;
-    if (count == 0)
-        return 0;
-
-    const long long resultLen = static_cast<long long>(m_nLength) + static_cast<long long>(count) * (newLen - oldLen);
-    if (resultLen > INT_MAX - 1)
-        return 0;
-    char* fresh = new (std::nothrow) char[static_cast<size_t>(resultLen) + 1];
-    if (!fresh)
-        return 0;
-    int from = 0;
-    int to = 0;
-    for (int pos = FindBytes(m_pData, m_nLength, oldText, oldLen, 0); pos >= 0;
-         pos = FindBytes(m_pData, m_nLength, oldText, oldLen, from)) {
-        std::memcpy(fresh + to, m_pData + from, static_cast<size_t>(pos - from));
-        to += pos - from;
-        if (newLen > 0)
-            std::memcpy(fresh + to, newText, static_cast<size_t>(newLen));
-        to += newLen;
-        from = pos + oldLen;
-    }
-    std::memcpy(fresh + to, m_pData + from, static_cast<size_t>(m_nLength - from));
-    to += m_nLength - from;
-    fresh[to] = '\0';
-    delete[] m_pData;
-    m_pData = fresh;
-    m_nLength = to;
-    m_nCapacity = to + 1;
-    return count;
+    return ReplaceAll(m_text, oldText, newText);
 }
 
 void CQSString::TrimLeft()
 {
+    const char* data = GetDataPtr();
     int skip = 0;
-    while (skip < m_nLength && (IsBlank(m_pData[skip]) || m_pData[skip] == '\r' || m_pData[skip] == '\n'))
+    while (skip < GetLength() && IsBlankOrLineEnd(data[skip]))
         ++skip;
-    if (skip == 0)
-        return;
-    std::memmove(m_pData, m_pData + skip, static_cast<size_t>(m_nLength - skip));
-    m_nLength -= skip;
-    m_pData[m_nLength] = '\0';
+    // Moving within the buffer never allocates, so it cannot fail.
+    if (skip > 0)
+        static_cast<void>(m_text.Assign(data + skip, GetLength() - skip));
 }
 
 void CQSString::TrimRight()
 {
-    while (m_nLength > 0) {
-        const char c = m_pData[m_nLength - 1];
-        if (!IsBlank(c) && c != '\r' && c != '\n')
-            break;
-        --m_nLength;
-    }
-    if (m_pData)
-        m_pData[m_nLength] = '\0';
+    int len = GetLength();
+    while (len > 0 && IsBlankOrLineEnd(GetDataPtr()[len - 1]))
+        --len;
+    m_text.SetLength(len);
 }
 
 void CQSString::TrimRightAndLeft()
@@ -416,56 +322,45 @@ void CQSString::TrimRightAndLeft()
 
 void CQSString::FilterInvisibleChar()
 {
+    char* data = m_text.MutableData();
     int to = 0;
-    for (int from = 0; from < m_nLength; ++from) {
-        const unsigned char c = static_cast<unsigned char>(m_pData[from]);
+    for (int from = 0; from < GetLength(); ++from) {
+        const unsigned char c = static_cast<unsigned char>(data[from]);
         if (c >= 0x20 && c <= 0x7E)
-            m_pData[to++] = static_cast<char>(c);
+            data[to++] = static_cast<char>(c);
     }
-    m_nLength = to;
-    if (m_pData)
-        m_pData[m_nLength] = '\0';
+    m_text.SetLength(to);
 }
 
 int CQSString::ToINT() const
 {
+    const char* data = GetDataPtr();
     int i = 0;
-    while (i < m_nLength && IsBlank(m_pData[i]))
+    while (i < GetLength() && IsBlank(data[i]))
         ++i;
-    bool negative = false;
-    if (i < m_nLength && m_pData[i] == '-') {
-        negative = true;
-        ++i;
-    }
-    unsigned int value = 0;
-    while (i < m_nLength && m_pData[i] >= '0' && m_pData[i] <= '9') {
-        value = value * 10u + static_cast<unsigned int>(m_pData[i] - '0');
-        ++i;
-    }
+    const bool negative = i < GetLength() && data[i] == '-';
+    const unsigned int value = ReadDecimal(data, GetLength(), negative ? i + 1 : i);
     return static_cast<int>(negative ? 0u - value : value);
 }
 
 unsigned int CQSString::ToUINT() const
 {
+    const char* data = GetDataPtr();
     int i = 0;
-    while (i < m_nLength && IsBlank(m_pData[i]))
+    while (i < GetLength() && IsBlank(data[i]))
         ++i;
-    unsigned int value = 0;
-    while (i < m_nLength && m_pData[i] >= '0' && m_pData[i] <= '9') {
-        value = value * 10u + static_cast<unsigned int>(m_pData[i] - '0');
-        ++i;
-    }
-    return value;
+    return ReadDecimal(data, GetLength(), i);
 }
 
 int CQSString::ToHEX() const
 {
+    const char* data = GetDataPtr();
     int i = 0;
-    while (i < m_nLength && (IsBlank(m_pData[i]) || m_pData[i] == '\r' || m_pData[i] == '\n'))
+    while (i < GetLength() && IsBlankOrLineEnd(data[i]))
         ++i;
     unsigned int value = 0;
-    for (; i < m_nLength; ++i) {
-        const char c = m_pData[i];
+    for (; i < GetLength(); ++i) {
+        const char c = data[i];
         unsigned int digit;
         if (c >= '0' && c <= '9')
             digit = static_cast<unsigned int>(c - '0');
@@ -484,55 +379,44 @@ void CQSString::ToString(int value)
 {
     char text[16];
     const int n = std::snprintf(text, sizeof text, "%d", value);
-    Assign(text, n);
+    static_cast<void>(m_text.Assign(text, n));
 }
 
 void CQSString::ToString(unsigned int value)
 {
     char text[16];
     const int n = std::snprintf(text, sizeof text, "%u", value);
-    Assign(text, n);
+    static_cast<void>(m_text.Assign(text, n));
 }
 
 int CQSString::GetSubString(CQSString& out, int start, int count) const
 {
-    if (start < 0 || start > m_nLength || count < 0) {
+    if (start < 0 || start > GetLength() || count < 0) {
         out.Empty();
         return 0;
     }
-    const int n = std::min(count, m_nLength - start);
-    if (&out == this) {
-        CQSString copy(GetDataPtr() + start, n);
-        out = std::move(copy);
-        return 1;
-    }
-    return out.Assign(GetDataPtr() + start, n);
+    // Assign copes with out being this string.
+    return out.m_text.Assign(GetDataPtr() + start, std::min(count, GetLength() - start));
 }
 
 int CQSString::GetSubString(CQSString& out, const char* from, const char* to, int start, bool withFrom,
                             bool withTo) const
 {
-    const int fromLen = SafeLength(from);
-    const int toLen = SafeLength(to);
-    if (!from || !to || fromLen < 0 || toLen < 0 || start < 0 || start > m_nLength) {
-        out.Empty();
-        return -1;
-    }
-    const int fromPos = FindBytes(GetDataPtr(), m_nLength, from, fromLen, start);
-    if (fromPos < 0) {
-        out.Empty();
-        return -1;
-    }
+    const int fromLen = TextLength(from);
+    const int toLen = TextLength(to);
+    const int fromPos = (!from || !to || fromLen < 0 || toLen < 0 || start < 0 || start > GetLength())
+                            ? -1
+                            : FindBytes(GetDataPtr(), GetLength(), from, fromLen, start);
     const int textStart = fromPos + fromLen;
-    const int toPos = FindBytes(GetDataPtr(), m_nLength, to, toLen, textStart);
+    const int toPos = fromPos < 0 ? -1 : FindBytes(GetDataPtr(), GetLength(), to, toLen, textStart);
     if (toPos < 0) {
         out.Empty();
         return -1;
     }
     const int copyStart = withFrom ? fromPos : textStart;
     const int copyEnd = withTo ? toPos + toLen : toPos;
-    CQSString piece(GetDataPtr() + copyStart, copyEnd - copyStart);
-    out = std::move(piece);
+    if (!out.m_text.Assign(GetDataPtr() + copyStart, copyEnd - copyStart))
+        return -1;
     return textStart;
 }
 
@@ -560,51 +444,12 @@ CQWString::CQWString(const CQSString& narrow)
 CQWString::CQWString(const QString& text)
 {
     const QVector<uint> ucs4 = text.toUcs4();
-    if (ucs4.isEmpty() || !Reserve(ucs4.size()))
+    if (ucs4.isEmpty() || !m_text.Reserve(ucs4.size()))
         return;
+    wchar_t* data = m_text.MutableData();
     for (int i = 0; i < ucs4.size(); ++i)
-        m_pData[i] = static_cast<wchar_t>(ucs4[i]);
-    m_nLength = ucs4.size();
-    m_pData[m_nLength] = L'\0';
-}
-
-CQWString::CQWString(const CQWString& other)
-{
-    Assign(other.m_pData, other.m_nLength);
-}
-
-CQWString::CQWString(CQWString&& other) noexcept
-    : m_pData(other.m_pData), m_nLength(other.m_nLength), m_nCapacity(other.m_nCapacity)
-{
-    other.m_pData = nullptr;
-    other.m_nLength = 0;
-    other.m_nCapacity = 0;
-}
-
-CQWString::~CQWString()
-{
-    delete[] m_pData;
-}
-
-CQWString& CQWString::operator=(const CQWString& other)
-{
-    if (this != &other)
-        Assign(other.m_pData, other.m_nLength);
-    return *this;
-}
-
-CQWString& CQWString::operator=(CQWString&& other) noexcept
-{
-    if (this != &other) {
-        delete[] m_pData;
-        m_pData = other.m_pData;
-        m_nLength = other.m_nLength;
-        m_nCapacity = other.m_nCapacity;
-        other.m_pData = nullptr;
-        other.m_nLength = 0;
-        other.m_nCapacity = 0;
-    }
-    return *this;
+        data[i] = static_cast<wchar_t>(ucs4[i]);
+    m_text.SetLength(ucs4.size());
 }
 
 CQWString& CQWString::operator=(const CQSString& narrow)
@@ -619,88 +464,21 @@ CQWString& CQWString::operator=(const wchar_t* text)
     return *this;
 }
 
-int CQWString::Reserve(int capacity)
-{
-    if (capacity < 0 || capacity > INT_MAX / static_cast<int>(sizeof(wchar_t)) - 1)
-        return 0;
-    if (capacity + 1 <= m_nCapacity)
-        return 1;
-    int newCapacity = std::max(capacity + 1, 16);
-    if (m_nCapacity > 0 && m_nCapacity < INT_MAX / 8)
-        newCapacity = std::max(newCapacity, m_nCapacity * 2);
-    wchar_t* fresh = new (std::nothrow) wchar_t[static_cast<size_t>(newCapacity)];
-    if (!fresh)
-        return 0;
-    if (m_nLength > 0)
-        std::wmemcpy(fresh, m_pData, static_cast<size_t>(m_nLength));
-    fresh[m_nLength] = L'\0';
-    delete[] m_pData;
-    m_pData = fresh;
-    m_nCapacity = newCapacity;
-    return 1;
-}
-
-int CQWString::Assign(const wchar_t* data, int len)
-{
-    if (len < 0)
-        return 0;
-    if (len == 0 || !data) {
-        Empty();
-        return 1;
-    }
-    if (data >= m_pData && data < m_pData + m_nCapacity) {
-        std::wmemmove(m_pData, data, static_cast<size_t>(len));
-        m_nLength = len;
-        m_pData[len] = L'\0';
-        return 1;
-    }
-    if (len + 1 > m_nCapacity) {
-        wchar_t* fresh = new (std::nothrow) wchar_t[static_cast<size_t>(len) + 1];
-        if (!fresh)
-            return 0;
-        delete[] m_pData;
-        m_pData = fresh;
-        m_nCapacity = len + 1;
-    }
-    std::wmemcpy(m_pData, data, static_cast<size_t>(len));
-    m_nLength = len;
-    m_pData[len] = L'\0';
-    return 1;
-}
-
 int CQWString::SetData(const wchar_t* text)
 {
-    const int len = SafeLength(text);
-    return len < 0 ? 0 : Assign(text, len);
+    const int len = TextLength(text);
+    return len < 0 ? 0 : m_text.Assign(text, len);
 }
 
 int CQWString::SetData(const wchar_t* text, int len)
 {
-    if (len < 0 || (!text && len > 0))
-        return 0;
-    return Assign(text, len);
+    return m_text.Assign(text, len);
 }
 
 int CQWString::AppendData(const wchar_t* text)
 {
-    const int len = SafeLength(text);
-    return len < 0 ? 0 : AppendRange(text, len);
-}
-
-int CQWString::AppendRange(const wchar_t* text, int len)
-{
-    if (len < 0 || (!text && len > 0))
-        return 0;
-    if (len == 0)
-        return 1;
-    const bool inside = m_pData && text >= m_pData && text < m_pData + m_nCapacity;
-    const ptrdiff_t offset = inside ? text - m_pData : 0;
-    if (len > INT_MAX / 8 - m_nLength || !Reserve(m_nLength + len))
-        return 0;
-    std::wmemmove(m_pData + m_nLength, inside ? m_pData + offset : text, static_cast<size_t>(len));
-    m_nLength += len;
-    m_pData[m_nLength] = L'\0';
-    return 1;
+    const int len = TextLength(text);
+    return len < 0 ? 0 : m_text.Append(text, len);
 }
 
 int CQWString::AppendData(const unsigned char* data, int len)
@@ -709,12 +487,12 @@ int CQWString::AppendData(const unsigned char* data, int len)
         return 0;
     if (len == 0)
         return 1;
-    if (len > INT_MAX / 8 - m_nLength || !Reserve(m_nLength + len))
+    if (len > velanet::StringStorage<wchar_t>::KMaxLength - GetLength() || !m_text.Reserve(GetLength() + len))
         return 0;
+    wchar_t* out = m_text.MutableData() + GetLength();
     for (int i = 0; i < len; ++i)
-        m_pData[m_nLength + i] = static_cast<wchar_t>(data[i]);
-    m_nLength += len;
-    m_pData[m_nLength] = L'\0';
+        out[i] = static_cast<wchar_t>(data[i]);
+    m_text.SetLength(GetLength() + len);
     return 1;
 }
 
@@ -729,48 +507,12 @@ int CQWString::SetByteData(const unsigned char* data, int len)
     return 1;
 }
 
-void CQWString::Empty()
-{
-    m_nLength = 0;
-    if (m_pData)
-        m_pData[0] = L'\0';
-}
-
 int CQWString::Replace(const wchar_t* oldText, const wchar_t* newText)
 {
-    const int oldLen = SafeLength(oldText);
-    const int newLen = SafeLength(newText);
-    if (oldLen <= 0 || newLen < 0 || m_nLength == 0)
-        return 0;
-    CQWString result;
-    int count = 0;
-    int from = 0;
-    for (int i = 0; i + oldLen <= m_nLength;) {
-        if (std::wmemcmp(m_pData + i, oldText, static_cast<size_t>(oldLen)) != 0) {
-            ++i;
-            continue;
-        }
-        if (!result.AppendRange(m_pData + from, i - from) || !result.AppendRange(newText, newLen))
-            return 0;
-        ++count;
-        i += oldLen;
-        from = i;
-    }
-    if (count == 0)
-        return 0;
-    if (!result.AppendRange(m_pData + from, m_nLength - from))
-        return 0;
-    *this = std::move(result);
-    return count;
-}
-
-bool CQWString::operator==(const CQWString& other) const
-{
-    return m_nLength == other.m_nLength &&
-           (m_nLength == 0 || std::wmemcmp(m_pData, other.m_pData, static_cast<size_t>(m_nLength)) == 0);
+    return ReplaceAll(m_text, oldText, newText);
 }
 
 QString CQWString::ToQString() const
 {
-    return QString::fromWCharArray(GetDataPtr(), m_nLength);
+    return QString::fromWCharArray(GetDataPtr(), GetLength());
 }

@@ -8,6 +8,8 @@
 // Operations never throw: failures come back as 0 or a negative number, and
 // an allocation failure leaves the old content in place.
 
+#include "BaseClass/src/CQStringStorage_p.h"
+
 #include <cstddef>
 #include <cwchar>
 
@@ -21,12 +23,12 @@ public:
     CQSString(const char* text);
     CQSString(const char* data, int len);
     CQSString(const CQWString& wide);
-    CQSString(const CQSString& other);
-    CQSString(CQSString&& other) noexcept;
-    ~CQSString();
+    CQSString(const CQSString& other) = default;
+    CQSString(CQSString&& other) noexcept = default;
+    ~CQSString() = default;
 
-    CQSString& operator=(const CQSString& other);
-    CQSString& operator=(CQSString&& other) noexcept;
+    CQSString& operator=(const CQSString& other) = default;
+    CQSString& operator=(CQSString&& other) noexcept = default;
     CQSString& operator=(const char* text);
     CQSString& operator=(const CQWString& wide);
 
@@ -41,19 +43,19 @@ public:
     int AppendData(const unsigned char* data, int len);
     int AppendChar(char c);
 
-    const char* GetDataPtr() const { return m_pData ? m_pData : ""; }
+    const char* GetDataPtr() const { return m_text.Data(); }
     operator const char*() const { return GetDataPtr(); }
 
-    int GetLength() const { return m_nLength; }
-    bool IsEmpty() const { return m_nLength == 0; }
-    void Empty();
+    int GetLength() const { return m_text.Length(); }
+    bool IsEmpty() const { return m_text.Length() == 0; }
+    void Empty() { m_text.Clear(); }
     // The byte at index (0..255); 0 for an index outside the string.
     int GetAt(int index) const;
 
     // 0 when the bytes equal text exactly (lengths included), otherwise the
     // sign of the first difference, like strcmp. A null text equals "".
     int Compare(const char* text) const;
-    bool operator==(const CQSString& other) const;
+    bool operator==(const CQSString& other) const { return m_text.Equals(other.m_text); }
     bool operator!=(const CQSString& other) const { return !(*this == other); }
 
     // Index of the first occurrence at or after start; -1 when absent.
@@ -112,12 +114,7 @@ public:
                      bool withFrom = false, bool withTo = false) const;
 
 private:
-    int Assign(const char* data, int len);
-    int Reserve(int capacity);
-
-    char* m_pData = nullptr;  // null or NUL-terminated, capacity >= length + 1
-    int m_nLength = 0;
-    int m_nCapacity = 0;
+    velanet::StringStorage<char> m_text;
 };
 
 class CQWString
@@ -127,12 +124,12 @@ public:
     CQWString(const wchar_t* text);
     CQWString(const CQSString& narrow);
     CQWString(const QString& text);
-    CQWString(const CQWString& other);
-    CQWString(CQWString&& other) noexcept;
-    ~CQWString();
+    CQWString(const CQWString& other) = default;
+    CQWString(CQWString&& other) noexcept = default;
+    ~CQWString() = default;
 
-    CQWString& operator=(const CQWString& other);
-    CQWString& operator=(CQWString&& other) noexcept;
+    CQWString& operator=(const CQWString& other) = default;
+    CQWString& operator=(CQWString&& other) noexcept = default;
     CQWString& operator=(const CQSString& narrow);
     CQWString& operator=(const wchar_t* text);
 
@@ -143,30 +140,24 @@ public:
     int AppendData(const unsigned char* data, int len);
     int SetByteData(const unsigned char* data, int len);
 
-    const wchar_t* GetDataPtr() const { return m_pData ? m_pData : L""; }
+    const wchar_t* GetDataPtr() const { return m_text.Data(); }
     operator const wchar_t*() const { return GetDataPtr(); }
 
-    int GetLength() const { return m_nLength; }
-    bool IsEmpty() const { return m_nLength == 0; }
-    void Empty();
+    int GetLength() const { return m_text.Length(); }
+    bool IsEmpty() const { return m_text.Length() == 0; }
+    void Empty() { m_text.Clear(); }
 
     // Every occurrence, as CQSString::Replace.
     int Replace(const wchar_t* oldText, const wchar_t* newText);
 
-    bool operator==(const CQWString& other) const;
+    bool operator==(const CQWString& other) const { return m_text.Equals(other.m_text); }
     bool operator!=(const CQWString& other) const { return !(*this == other); }
 
     // The text as a QString (UTF-32 code points).
     QString ToQString() const;
 
 private:
-    int Assign(const wchar_t* data, int len);
-    int AppendRange(const wchar_t* text, int len);
-    int Reserve(int capacity);
-
-    wchar_t* m_pData = nullptr;
-    int m_nLength = 0;
-    int m_nCapacity = 0;
+    velanet::StringStorage<wchar_t> m_text;
 };
 
 #endif
