@@ -1,11 +1,16 @@
 #include "src/HttpData.h"
 
 #include "BaseClass/src/QtAssert.h"
+#include "src/CookieHolder.h"
 #include "src/HttpConfig.h"
+#include "src/RequestHeaderUnit.h"
 #include "src/VelaUA.h"
 #include "src/internal/ByteWriter_p.h"
+#include "src/internal/HeadMatch_p.h"
 
+#include <climits>
 #include <cstring>
+#include <memory>
 #include <new>
 
 using velanet::ByteWriter;
@@ -395,9 +400,30 @@ unsigned char* CHttpData::PartialGetMethodData(int& len, int encodingMode, bool 
 
 void CHttpData::BuildCookieLine(CQSString& line) const
 {
-    // No cookie store can be attached yet: a request carries a Cookie line
-    // only once the holder is able to answer for a host.
     line.Empty();
+    int hostLen = 0;
+    const char* host = FindHost(hostLen);
+    if (!m_pCookieHolder || !host || hostLen == 0)
+        return;
+    // Cookies are kept under lower-case domains; the port is not part of it.
+    CQSString lowerHost(host, hostLen);
+    lowerHost.MakeLower();
+    // The table is ours to delete, whether or not it holds anything.
+    const std::unique_ptr<CQHashTable<QCookieValue>> table(m_pCookieHolder->GetCookie(lowerHost, true));
+    if (!table || table->GetCount() == 0)
+        return;
+    QCookieValue** cookies = table->getall();
+    line.SetData("Cookie: ");
+    for (int i = 0; i < table->GetCount(); ++i) {
+        if (i > 0)
+            line.AppendChar(';');
+        const QCookieValue* cookie = cookies[i];
+        line.AppendData(reinterpret_cast<const unsigned char*>(cookie->name.GetDataPtr()), cookie->name.GetLength());
+        line.AppendChar('=');
+        line.AppendData(reinterpret_cast<const unsigned char*>(cookie->value.GetDataPtr()),
+                        cookie->value.GetLength());
+    }
+    line.AppendData(KCrLf);
 }
 
 unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absoluteTarget, int rangeStart,
@@ -497,4 +523,794 @@ unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen,
         w.PutOptional(body, bodyLen);
     };
     return SizeThenWrite(writeHead, len);
+}
+
+// ---------------------------------------------------------------- response
+//
+// Response head, as this library reads it:
+//   response = *byte "HTTP/" 3byte " " status " " *byte CRLF CRLF *body
+//   status   = the text 9 bytes after "HTTP/" up to the next " "
+//   field    = <field text, any case> value CRLF  ; first occurrence anywhere
+// A field is not anchored to a line start and may even be found in body bytes
+// behind the head: the servers that send the private fields rely on this.
+
+using velanet::headmatch::FieldValue;
+using velanet::headmatch::FindCrLf;
+using velanet::headmatch::FindLiteral;
+using velanet::headmatch::FindField;
+using velanet::headmatch::FindNoCase;
+using velanet::headmatch::KNotFound;
+using velanet::headmatch::MakeNoCaseText;
+using velanet::headmatch::NoCaseText;
+using velanet::headmatch::StartsWithNoCase;
+using velanet::headmatch::ValueAt;
+
+namespace {
+
+constexpr NoCaseText KFieldContentLength = MakeNoCaseText("Content-Length:");
+constexpr NoCaseText KFieldTransferEncoding = MakeNoCaseText("Transfer-Encoding: ");
+constexpr NoCaseText KFieldContentRange = MakeNoCaseText("Content-Range: bytes");
+constexpr NoCaseText KFieldContentType = MakeNoCaseText("Content-Type:");
+constexpr NoCaseText KFieldContentEncoding = MakeNoCaseText("Content-Encoding:");
+constexpr NoCaseText KFieldCacheControl = MakeNoCaseText("Cache-Control: ");
+constexpr NoCaseText KFieldContentDisposition = MakeNoCaseText("Content-Disposition: ");
+constexpr NoCaseText KFieldLocation = MakeNoCaseText("Location: ");
+constexpr NoCaseText KFieldSetCookie = MakeNoCaseText("Set-Cookie:");
+constexpr NoCaseText KFieldDate = MakeNoCaseText("Date:");
+constexpr NoCaseText KFieldExpireDate = MakeNoCaseText("ExpireDate:");
+constexpr NoCaseText KFieldCurUrl = MakeNoCaseText("CurURL:");
+constexpr NoCaseText KFieldFileUrl = MakeNoCaseText("FileURL:");
+constexpr NoCaseText KFieldOrigSize = MakeNoCaseText("OrigSize:");
+constexpr NoCaseText KFieldStreamSize = MakeNoCaseText("StreamSize:");
+constexpr NoCaseText KFieldIdVersion = MakeNoCaseText("idversion:");
+
+constexpr NoCaseText KTextHttp = MakeNoCaseText("HTTP/");
+constexpr NoCaseText KTextChunked = MakeNoCaseText("chunked");
+constexpr NoCaseText KTextFilename = MakeNoCaseText("filename=");
+constexpr NoCaseText KTextUtf8 = MakeNoCaseText("UTF-8");
+constexpr NoCaseText KTextGb2312 = MakeNoCaseText("GB2312");
+
+const char KHeadEnd[] = "\r\n\r\n";
+// The status text starts just after "HTTP/1.1 ".
+const int KStatusOffset = 9;
+const int KStatusMovedPermanently = 301;
+const int KStatusFound = 302;
+
+const char KCharsetUtf8[] = "UTF-8";
+const char KCharsetGb2312[] = "GB2312";
+
+bool ValidBuffer(const unsigned char* buf, int len)
+{
+    return buf && len > 0;
+}
+
+CQSString TextOf(const unsigned char* buf, int start, int end)
+{
+    return CQSString(reinterpret_cast<const char*>(buf) + start, end - start);
+}
+
+CQSString ValueOf(const unsigned char* buf, const FieldValue& value)
+{
+    return TextOf(buf, value.start, value.end);
+}
+
+bool ContainsNoCase(const CQSString& text, const NoCaseText& pattern)
+{
+    return FindNoCase(reinterpret_cast<const unsigned char*>(text.GetDataPtr()), text.GetLength(), pattern) !=
+           KNotFound;
+}
+
+// The trimmed decimal value of a private numeric field into n: 0 when the
+// field is absent; n untouched for a null or empty buffer.
+void ReadNumberField(const unsigned char* buf, int len, const NoCaseText& field, int& n)
+{
+    if (!ValidBuffer(buf, len))
+        return;
+    n = 0;
+    FieldValue value;
+    if (!FindField(buf, len, field, 0, value))
+        return;
+    CQSString text = ValueOf(buf, value);
+    text.TrimRightAndLeft();
+    n = text.ToINT();
+}
+
+// The trimmed value of a private URL field into url (untouched when absent).
+int ReadUrlField(const unsigned char* buf, int len, const NoCaseText& field, CQSString& url)
+{
+    if (!ValidBuffer(buf, len))
+        return CHttpData::KFieldAbsent;
+    FieldValue value;
+    if (FindField(buf, len, field, 0, value)) {
+        url = ValueOf(buf, value);
+        url.TrimRightAndLeft();
+    }
+    return CHttpData::KFieldParsed;
+}
+
+struct MainTypeRow
+{
+    const char* prefix;
+    int mainId;
+};
+
+// First matching prefix wins.
+const MainTypeRow KMainTypes[] = {
+    {"text/", CHttpData::KTypeText},   {"application/", CHttpData::KTypeApplication},
+    {"audio/", CHttpData::KTypeAudio}, {"video/", CHttpData::KTypeVideo},
+    {"image/", CHttpData::KTypeImage}, {"gif", CHttpData::KTypeImage},
+};
+
+struct SubTypeRow
+{
+    const char* text;
+    int subId;
+};
+
+const SubTypeRow KAudioSubTypes[] = {
+    {"/mp3", CHttpData::KSubAudioMp3},   {"/midi", CHttpData::KSubAudioMidi}, {"/amr", CHttpData::KSubAudioAmr},
+    {"/mpeg", CHttpData::KSubAudioMpeg}, {"/rm", CHttpData::KSubAudioRm},     {"/x-wav", CHttpData::KSubAudioWav},
+};
+
+const SubTypeRow KVideoSubTypes[] = {
+    {"/3gpp", CHttpData::KSubVideo3gpp},
+    {"/mpeg", CHttpData::KSubVideoMpeg},
+    {"/jpeg", CHttpData::KSubVideoJpeg},
+};
+
+// Sub ID of the first row the value ends with (no case), or KSubUnknown.
+template <size_t N>
+int SubIdByEnding(const CQSString* type, const SubTypeRow (&rows)[N])
+{
+    if (!type)
+        return CHttpData::KSubUnknown;
+    for (const SubTypeRow& row : rows) {
+        if (type->IsEndWithNoCase(row.text))
+            return row.subId;
+    }
+    return CHttpData::KSubUnknown;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- record
+
+CHttpResponseHead::CHttpResponseHead()
+{
+    Reset();
+}
+
+CHttpResponseHead::~CHttpResponseHead()
+{
+    DeleteCookieLines();
+}
+
+void CHttpResponseHead::DeleteCookieLines()
+{
+    while (!m_listCookies.IsEmpty()) {
+        CQSString* pItem = m_listCookies.RemoveHead();
+        QT_ALWAYS_ASSERT(pItem != NULL, KAssertFile);
+        delete pItem;
+    }
+}
+
+void CHttpResponseHead::Reset()
+{
+    m_nHeadLen = KNotGiven;
+    m_nStatusCode = KNotGiven;
+    m_nContentLength = KNotGiven;
+    m_nContentTypeID = CHttpData::KTypeNone;
+    m_nContentSubTypeID = CHttpData::KSubNone;
+    m_nBodyType = KNotGiven;
+    m_strLocation.Empty();
+    m_bCacheable = true;
+    m_nRangeStart = KNotGiven;
+    m_nRangeTotal = KNotGiven;
+    m_strAttachName.Empty();
+    DeleteCookieLines();
+    m_strCurPageURL.Empty();
+    m_strFileURL.Empty();
+    m_strCharset.Empty();
+    m_nOrigSize = 0;
+    m_nStreamSize = 0;
+    m_nIDVersion = KNotGiven;
+    m_nDate = 0;
+    m_nExpireDate = 0;
+    m_nMaxAge = 0;
+    m_bPrivate = false;
+    m_bNoStore = false;
+    m_nContentEncoding = KContentEncodingNone;
+}
+
+CHttpResponseHead& CHttpResponseHead::operator=(const CHttpResponseHead& other)
+{
+    if (&other == this)
+        return *this;
+    m_nHeadLen = other.m_nHeadLen;
+    m_nStatusCode = other.m_nStatusCode;
+    m_nContentLength = other.m_nContentLength;
+    m_nContentTypeID = other.m_nContentTypeID;
+    m_nContentSubTypeID = other.m_nContentSubTypeID;
+    m_nBodyType = other.m_nBodyType;
+    m_strLocation = other.m_strLocation;
+    m_bCacheable = other.m_bCacheable;
+    m_nRangeStart = other.m_nRangeStart;
+    m_nRangeTotal = other.m_nRangeTotal;
+    m_strAttachName = other.m_strAttachName;
+    // Appended, not replaced: the target keeps the lines it already held.
+    POSITION pos = other.m_listCookies.GetHeadPosition();
+    while (pos) {
+        const CQSString* line = other.m_listCookies.GetNext(pos);
+        if (!line)
+            continue;
+        CQSString* copy = new (std::nothrow) CQSString(*line);
+        if (copy && !m_listCookies.AddTail(copy))
+            delete copy;
+    }
+    m_strCurPageURL = other.m_strCurPageURL;
+    m_strFileURL = other.m_strFileURL;
+    m_strCharset = other.m_strCharset;
+    m_nOrigSize = other.m_nOrigSize;
+    m_nStreamSize = other.m_nStreamSize;
+    m_nIDVersion = other.m_nIDVersion;
+    m_nDate = other.m_nDate;
+    m_nExpireDate = other.m_nExpireDate;
+    m_nMaxAge = other.m_nMaxAge;
+    m_bPrivate = other.m_bPrivate;
+    m_bNoStore = other.m_bNoStore;
+    // The content encoding is deliberately not copied.
+    return *this;
+}
+
+// ---------------------------------------------------------------- head
+
+int CHttpData::GetResponseHead(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    if (!ValidBuffer(buf, len))
+        return KHeadIncomplete;
+    const int headEnd = FindLiteral(buf, len, KHeadEnd);
+    if (headEnd == KNotFound)
+        return KHeadIncomplete;
+    const int httpAt = FindNoCase(buf, len, KTextHttp);
+    if (httpAt == KNotFound)
+        return KHeadIncomplete;
+    const int statusStart = httpAt + KStatusOffset;
+    const int statusEnd = FindLiteral(buf, len, " ", statusStart);
+    if (statusEnd == KNotFound)
+        return KHeadIncomplete;
+    const int status = TextOf(buf, statusStart, statusEnd).ToINT();
+
+    if (status == KStatusMovedPermanently || status == KStatusFound) {
+        (void)GetLocation(buf, len, head.m_strLocation);
+        (void)GetCookie(buf, len, head);
+        SaveCookies(m_strURL, head.m_listCookies);
+    } else {
+        int contentLength = CHttpResponseHead::KNotGiven;
+        (void)GetContentLenght(buf, len, contentLength, head);
+        (void)GetContentType(buf, len, head);
+        (void)GetContentEncoding(buf, len, head);
+        (void)GetCacheControl(buf, len, head);
+        (void)GetContentRange(buf, len, head);
+        (void)GetContentAttachName(buf, len, head);
+        (void)GetContentData(buf, len, head);
+        (void)GetContentExpireData(buf, len, head);
+        (void)GetCookie(buf, len, head);
+        SaveCookies(m_strURL, head.m_listCookies);
+        (void)GetThisPageUrl(buf, len, head.m_strCurPageURL);
+        (void)GetFileUrl(buf, len, head.m_strFileURL);
+        GetOrignSize(buf, len, head.m_nOrigSize);
+        GetStreamSize(buf, len, head.m_nStreamSize);
+        GetIDVersion(buf, len, head.m_nIDVersion);
+    }
+
+    head.m_nHeadLen = headEnd + (sizeof KHeadEnd - 1);
+    head.m_nStatusCode = status;
+    return KHeadComplete;
+}
+
+// ---------------------------------------------------------------- fields
+
+int CHttpData::GetContentLenght(unsigned char* buf, int len, int& n, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (FindField(buf, len, KFieldContentLength, 0, value)) {
+        CQSString text = ValueOf(buf, value);
+        text.TrimRightAndLeft();
+        n = text.ToINT();
+        head.m_nContentLength = n;
+        head.m_nBodyType = CHttpResponseHead::KBodyByLength;
+        return n;
+    }
+    n = CHttpResponseHead::KNotGiven;
+    head.m_nContentLength = CHttpResponseHead::KNotGiven;
+    // "chunked" may stand anywhere after the Transfer-Encoding field text.
+    if (FindField(buf, len, KFieldTransferEncoding, 0, value) &&
+        FindNoCase(buf, len, KTextChunked, value.start) != KNotFound)
+        head.m_nBodyType = CHttpResponseHead::KBodyChunked;
+    else
+        head.m_nBodyType = CHttpResponseHead::KBodyUntilClose;
+    return KFieldAbsent;
+}
+
+int CHttpData::GetContentRange(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    // value = start "-" end "/" total, parsed inside the field's value; the
+    // blank before start is left for ToINT.
+    FieldValue value;
+    if (FindField(buf, len, KFieldContentRange, 0, value)) {
+        const int dash = FindLiteral(buf, value.end, "-", value.start);
+        if (dash != KNotFound) {
+            head.m_nRangeStart = TextOf(buf, value.start, dash).ToINT();
+            const int slash = FindLiteral(buf, value.end, "/", dash + 1);
+            if (slash != KNotFound) {
+                head.m_nRangeTotal = TextOf(buf, slash + 1, value.end).ToINT();
+                return KFieldParsed;
+            }
+        }
+    }
+    head.m_nRangeStart = CHttpResponseHead::KNotGiven;
+    head.m_nRangeTotal = CHttpResponseHead::KNotGiven;
+    return KFieldAbsent;
+}
+
+int CHttpData::GetContentType(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldContentType, 0, value))
+        return KFieldAbsent;
+    CQSString type = ValueOf(buf, value);
+    type.TrimLeft();
+    GetContentTypeID(&type, head.m_nContentTypeID, head.m_nContentSubTypeID);
+    GetCharset(&type, head.m_strCharset);
+    return KFieldParsed;
+}
+
+void CHttpData::GetContentTypeID(CQSString* type, int& mainId, int& subId)
+{
+    if (!type || type->IsEmpty()) {
+        mainId = KTypeNone;
+        subId = KSubNone;
+        return;
+    }
+    mainId = KTypeUnknown;
+    for (const MainTypeRow& row : KMainTypes) {
+        if (type->IsStartWithNoCase(row.prefix)) {
+            mainId = row.mainId;
+            break;
+        }
+    }
+    subId = GetContentTypeSubID(type, mainId);
+}
+
+int CHttpData::GetContentTypeSubID(CQSString* type, int mainId)
+{
+    switch (mainId) {
+    case KTypeText:
+        return GetTextSubID(type);
+    case KTypeApplication:
+        return GetApplicationSubID(type);
+    case KTypeAudio:
+        return GetAudioSubID(type);
+    case KTypeVideo:
+        return GetVideoSubID(type);
+    case KTypeImage:
+        return GetImageSubID(type);
+    }
+    return KSubUnknown;
+}
+
+int CHttpData::GetTextSubID(CQSString* type)
+{
+    if (!type)
+        return KSubUnknown;
+    // The two WAP types count only behind a main type (position above 0).
+    if (type->Find("/vnd.wap.wml") > 0)
+        return KSubTextWml;
+    if (type->Find("/vnd.sun.j2me.app-descriptor") > 0)
+        return KSubTextJadDescriptor;
+    if (type->Find("/html") >= 0)
+        return KSubTextHtml;
+    if (type->Find("/css") >= 0)
+        return KSubTextCss;
+    return KSubUnknown;
+}
+
+int CHttpData::GetApplicationSubID(CQSString* type)
+{
+    if (!type)
+        return KSubUnknown;
+    if (type->Find("/xhtml+xml") >= 0)
+        return KSubApplicationXhtml;
+    if (type->Find("/vnd.wap.xhtml+xml") >= 0)
+        return KSubApplicationWapXhtml;
+    return KSubUnknown;
+}
+
+int CHttpData::GetAudioSubID(CQSString* type)
+{
+    return SubIdByEnding(type, KAudioSubTypes);
+}
+
+int CHttpData::GetVideoSubID(CQSString* type)
+{
+    return SubIdByEnding(type, KVideoSubTypes);
+}
+
+int CHttpData::GetImageSubID(CQSString*)
+{
+    // No image sub-types are distinguished.
+    return KSubUnknown;
+}
+
+void CHttpData::GetCharset(CQSString* type, CQSString& charset)
+{
+    if (!type || type->IsEmpty() || ContainsNoCase(*type, KTextUtf8))
+        charset = KCharsetUtf8;
+    else if (ContainsNoCase(*type, KTextGb2312))
+        charset = KCharsetGb2312;
+}
+
+int CHttpData::GetContentEncoding(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldContentEncoding, 0, value)) {
+        head.m_nContentEncoding = CHttpResponseHead::KContentEncodingNone;
+        return KFieldAbsent;
+    }
+    // Trimmed on the left as CQSString::TrimLeft does, without a copy.
+    int start = value.start;
+    while (start < value.end && std::strchr(" \t\r\n", buf[start]) && buf[start] != '\0')
+        ++start;
+    const unsigned char* coding = buf + start;
+    const int codingLen = value.end - start;
+    if (StartsWithNoCase(coding, codingLen, "gzip", 4))
+        head.m_nContentEncoding = CHttpResponseHead::KContentEncodingGzip;
+    else if (StartsWithNoCase(coding, codingLen, "deflate", 7))
+        head.m_nContentEncoding = CHttpResponseHead::KContentEncodingDeflate;
+    else
+        head.m_nContentEncoding = CHttpResponseHead::KContentEncodingNone;
+    return KFieldParsed;
+}
+
+int CHttpData::GetCacheControl(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldCacheControl, 0, value))
+        return KFieldAbsent;
+    const CQSString directives = ValueOf(buf, value);
+    const char maxAge[] = "max-age=";
+    if (directives.Find("no-cache") >= 0) {
+        head.m_bCacheable = false;
+        // "no-store" counts only together with "no-cache".
+        if (directives.Find("no-store") >= 0)
+            head.m_bNoStore = true;
+    } else if (directives.Find("private") >= 0) {
+        head.m_bPrivate = true;
+        head.m_bCacheable = false;
+    } else {
+        const int at = directives.Find(maxAge);
+        if (at >= 0) {
+            head.m_bCacheable = true;
+            const int digits = at + static_cast<int>(sizeof maxAge - 1);
+            head.m_nMaxAge =
+                CQSString(directives.GetDataPtr() + digits, directives.GetLength() - digits).ToINT();
+        }
+    }
+    return KFieldParsed;
+}
+
+int CHttpData::GetContentAttachName(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldContentDisposition, 0, value))
+        return KFieldAbsent;
+    // "filename=" is looked for inside the Content-Disposition value.
+    const int at = FindNoCase(buf, value.end, KTextFilename, value.start);
+    if (at == KNotFound || at + KTextFilename.len == value.end)
+        return KFieldAbsent;
+    head.m_strAttachName = TextOf(buf, at + KTextFilename.len, value.end);
+    head.m_strAttachName.Replace("\"", "");
+    return KFieldParsed;
+}
+
+int CHttpData::GetLocation(unsigned char* buf, int len, CQSString& location)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldLocation, 0, value))
+        return KFieldAbsent;
+    location = ValueOf(buf, value);
+    return KFieldParsed;
+}
+
+int CHttpData::GetCookie(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    if (!ValidBuffer(buf, len))
+        return KFieldAbsent;
+    // Every occurrence counts, so the next search starts right after the
+    // field text just found; the first one without a value ends the scan.
+    FieldValue value;
+    int at = FindNoCase(buf, len, KFieldSetCookie);
+    while (at != KNotFound && ValueAt(buf, len, at, KFieldSetCookie.len, value)) {
+        CQSString* line = new (std::nothrow) CQSString(ValueOf(buf, value));
+        if (line && !head.m_listCookies.AddTail(line))
+            delete line;
+        at = FindNoCase(buf, len, KFieldSetCookie, value.start);
+    }
+    return KFieldParsed;
+}
+
+void CHttpData::SaveCookies(CQSString& url, CQList<CQSString*>& lines)
+{
+    if (!m_pCookieHolder || lines.IsEmpty())
+        return;
+    POSITION pos = lines.GetHeadPosition();
+    while (pos) {
+        CQSString* line = lines.GetNext(pos);
+        if (line)
+            (void)m_pCookieHolder->ParseCookie(url, *line);
+    }
+}
+
+unsigned int CHttpData::DateStringToInt(const CQSString& text) const
+{
+    // CQSString keeps its bytes NUL-terminated, as the date parser needs.
+    return m_DateParser.HTParseTime(text.GetDataPtr());
+}
+
+int CHttpData::GetContentData(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldDate, 0, value))
+        return KFieldAbsent;
+    head.m_nDate = static_cast<int>(DateStringToInt(ValueOf(buf, value)));
+    return KFieldParsed;
+}
+
+int CHttpData::GetContentExpireData(unsigned char* buf, int len, CHttpResponseHead& head)
+{
+    FieldValue value;
+    if (!FindField(buf, len, KFieldExpireDate, 0, value))
+        return KFieldAbsent;
+    head.m_nExpireDate = static_cast<int>(DateStringToInt(ValueOf(buf, value)));
+    return KFieldParsed;
+}
+
+int CHttpData::GetThisPageUrl(unsigned char* buf, int len, CQSString& url)
+{
+    return ReadUrlField(buf, len, KFieldCurUrl, url);
+}
+
+int CHttpData::GetFileUrl(unsigned char* buf, int len, CQSString& url)
+{
+    return ReadUrlField(buf, len, KFieldFileUrl, url);
+}
+
+void CHttpData::GetOrignSize(unsigned char* buf, int len, int& n)
+{
+    ReadNumberField(buf, len, KFieldOrigSize, n);
+}
+
+void CHttpData::GetStreamSize(unsigned char* buf, int len, int& n)
+{
+    ReadNumberField(buf, len, KFieldStreamSize, n);
+}
+
+void CHttpData::GetIDVersion(unsigned char* buf, int len, int& n)
+{
+    ReadNumberField(buf, len, KFieldIdVersion, n);
+}
+
+// ---------------------------------------------------------------- chunks
+//
+//   chunk-line = *( CRLF ) hex-size [ extension ] CRLF
+// The line ends before the size are those left by the previous chunk's data.
+
+int CHttpData::GetChunkSize(unsigned char* buf, int len, int& used)
+{
+    if (!buf || len < 0)
+        return KChunkLineIncomplete;
+    int pos = 0;
+    int lineEnd = FindCrLf(buf, len, pos);
+    while (lineEnd != KNotFound && lineEnd == pos) {
+        used += 2;
+        pos += 2;
+        lineEnd = FindCrLf(buf, len, pos);
+    }
+    if (lineEnd == KNotFound)
+        return KChunkLineIncomplete;
+    // The size text starts at the buffer start, skipped line ends included
+    // (ToHEX passes over them), so used counts them once.
+    used = lineEnd + 2;
+    return TextOf(buf, 0, lineEnd).ToHEX();
+}
+
+// ---------------------------------------------------------------- multipart upload
+//
+// A file upload goes out as one multipart/form-data POST (RFC 7578):
+//   head     = request line, Accept, Host, identification lines,
+//              Content-Type with the boundary, Content-Length, CRLF
+//   filepart = "--" boundary CRLF disposition-with-filename CRLF
+//              "Content-Type: application/octet-stream" CRLF CRLF
+//   (the file bytes, streamed by the socket engine)
+//   trailer  = CRLF *( "--" boundary CRLF disposition CRLF
+//              "Content-Type:text/plain; charset=utf-8" CRLF CRLF value CRLF )
+//              "--" boundary "--"
+// The head and the file part head share one buffer, the trailer has its own.
+
+namespace {
+
+const char KPartDelimiterLine[] = "--7d92bf36e1196\r\n";
+const char KPartClosingDelimiter[] = "--7d92bf36e1196--";
+const char KPartContentTypeLine[] = "Content-Type: multipart/form-data;boundary=7d92bf36e1196\r\n";
+const char KPartDispositionStart[] = "Content-Disposition: form-data; name=\"";
+// No blank between ";" and "filename=": kept as servers have always seen it.
+const char KPartFileNameStart[] = "\";filename=\"";
+const char KPartOctetStreamLine[] = "Content-Type: application/octet-stream\r\n";
+// No blank after "Content-Type:": kept as servers have always seen it.
+const char KPartTextPlainLine[] = "Content-Type:text/plain; charset=utf-8\r\n";
+
+static_assert(sizeof KPartContentTypeLine - 1 == 58, "the multipart Content-Type line is 58 bytes");
+
+// Where the next writer of a two-pass sequence writes: nowhere while sizing.
+unsigned char* PartOut(unsigned char* out, int offset)
+{
+    return out ? out + offset : nullptr;
+}
+
+void PutPartText(velanet::ByteWriter& w, const CQSString& s)
+{
+    w.Put(s.GetDataPtr(), s.GetLength());
+}
+
+}  // namespace
+
+int CHttpData::CopyHttpHeader_PostFile_ContentType(unsigned char* out)
+{
+    velanet::ByteWriter w(out);
+    w.PutLiteral(KPartContentTypeLine);
+    return w.Count();
+}
+
+int CHttpData::CopyHttpHeader_PostFile_ContentDisposition(const CQWString& name, const CQWString& fileName,
+                                                         unsigned char* out)
+{
+    CQSString narrowName;
+    narrowName.SetData(&name);
+    CQSString narrowFileName;
+    narrowFileName.SetData(&fileName);
+    velanet::ByteWriter w(out);
+    w.PutLiteral(KPartDelimiterLine);
+    w.PutLiteral(KPartDispositionStart);
+    PutPartText(w, narrowName);
+    w.PutLiteral(KPartFileNameStart);
+    PutPartText(w, narrowFileName);
+    w.PutLiteral("\"");
+    w.PutLiteral(KCrLf);
+    w.PutLiteral(KPartOctetStreamLine);
+    w.PutLiteral(KCrLf);
+    return w.Count();
+}
+
+int CHttpData::CopyHttpHeader_PostFile_FileInfo(CQSString& key, CQSString& value, unsigned char* out)
+{
+    velanet::ByteWriter w(out);
+    w.PutLiteral(KPartDelimiterLine);
+    w.PutLiteral(KPartDispositionStart);
+    PutPartText(w, key);
+    w.PutLiteral("\"");
+    w.PutLiteral(KCrLf);
+    w.PutLiteral(KPartTextPlainLine);
+    w.PutLiteral(KCrLf);
+    PutPartText(w, value);
+    w.PutLiteral(KCrLf);
+    return w.Count();
+}
+
+int CHttpData::CopyHttpHeader_PostFile_AllFileInfo(CQSString& formFields, unsigned char* out)
+{
+    if (formFields.IsEmpty())
+        return 0;
+    // "&" fields "&": every key then follows an "&" and every value ends at
+    // one. The key runs to the next "=", the value from that "=" to the next
+    // "&", so a value may hold "=" and a trailing "b" without "=" is no pair.
+    CQSString wrapped("&");
+    wrapped.AppendData(reinterpret_cast<const unsigned char*>(formFields.GetDataPtr()), formFields.GetLength());
+    wrapped.AppendChar('&');
+
+    int total = 0;
+    int pos = 0;
+    CQSString key;
+    CQSString value;
+    for (;;) {
+        const int keyStart = wrapped.GetSubString(key, '&', '=', pos);
+        if (keyStart < 0)
+            break;
+        const int valueStart = wrapped.GetSubString(value, '=', '&', keyStart + key.GetLength());
+        if (valueStart < 0)
+            break;
+        total += CopyHttpHeader_PostFile_FileInfo(key, value, PartOut(out, total));
+        // The "&" that ended the value starts the next key.
+        pos = valueStart + value.GetLength();
+    }
+    return total;
+}
+
+unsigned char* CHttpData::GetPostFileInfoData(CQSString& formFields, int& len)
+{
+    len = 0;
+    const auto writeTrailer = [&](unsigned char* out) {
+        int n = CopyHttpHeader_NewLineFlag(1, out);
+        n += CopyHttpHeader_PostFile_AllFileInfo(formFields, PartOut(out, n));
+        velanet::ByteWriter w(PartOut(out, n));
+        w.PutLiteral(KPartClosingDelimiter);
+        return n + w.Count();
+    };
+    const int nTotalLen = writeTrailer(nullptr);
+    unsigned char* buffer = new (std::nothrow) unsigned char[static_cast<size_t>(nTotalLen)]();
+    if (!buffer)
+        return nullptr;
+    const int nDataLen = writeTrailer(buffer);
+    QT_ALWAYS_ASSERT(nTotalLen == nDataLen, KAssertFile);
+    len = nTotalLen;
+    return buffer;
+}
+
+bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit& unit)
+{
+    int hostLen = 0;
+    const char* host = FindHostURL(hostLen);
+    if (!host || hostLen == 0)
+        return false;
+
+    int trailerLen = 0;
+    unsigned char* trailer = GetPostFileInfoData(unit.m_strData, trailerLen);
+    if (!trailer)
+        return false;
+    const int dispositionLen =
+        CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, nullptr);
+    const long long bodyLen = static_cast<long long>(dispositionLen) + unit.m_nFileSize + trailerLen;
+    if (bodyLen > INT_MAX) {
+        // Content-Length is a 32-bit count here; such a body cannot be announced.
+        delete[] trailer;
+        return false;
+    }
+    const int contentLength = static_cast<int>(bodyLen);
+
+    const auto writeHead = [&](unsigned char* out) {
+        int n = CopyHttpHeader_Method(HM_Post, absoluteTarget, out);
+        n += CopyHttpHeader_Accept(PartOut(out, n));
+        n += CopyHttpHeader_Host(PartOut(out, n));
+        n += CopyHttpHeader_UserAgent(PartOut(out, n));
+        n += CopyHttpHeader_PostFile_ContentType(PartOut(out, n));
+        n += CopyHttpHeader_ContentLenght(contentLength, PartOut(out, n));
+        n += CopyHttpHeader_NewLineFlag(1, PartOut(out, n));
+        n += CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, PartOut(out, n));
+        return n;
+    };
+    const int nTotalLen = writeHead(nullptr);
+    unsigned char* head = new (std::nothrow) unsigned char[static_cast<size_t>(nTotalLen)]();
+    if (!head) {
+        delete[] trailer;
+        return false;
+    }
+    const int nTmpHeaderDataLen = writeHead(head);
+    QT_ALWAYS_ASSERT(nTotalLen == nTmpHeaderDataLen, KAssertFile);
+    unit.SetHeaderData(head, nTotalLen);
+    unit.SetInfoData(trailer, trailerLen);
+    return true;
+}
+
+bool CHttpData::GetFileNameFromURL(CQSString* url, CQWString& name)
+{
+    if (!url || url->IsEmpty())
+        return false;
+    const int slashes = url->Find("//");
+    const int start = slashes < 0 ? 0 : slashes + 2;
+    int end = url->Find('?', start);
+    if (end < 0)
+        end = url->GetLength();
+    name.SetByteData(reinterpret_cast<const unsigned char*>(url->GetDataPtr()) + start, end - start);
+    name.Replace(L"/", L"_");
+    name.Replace(L":", L"_");
+    return true;
 }

@@ -13,9 +13,79 @@
 // Nothing is validated: what does not match answers "nothing" (a null
 // pointer with length 0, or the default port).
 
+#include "BaseClass/src/CQList.h"
 #include "BaseClass/src/CQString.h"
+#include "src/CookieParser.h"
 
+class CQPostFileHeaderUnit;
 class QCookieHolder;
+
+// The parsed head of one HTTP response. One record per engine, reused for
+// every response: Reset before parsing the next one.
+class CHttpResponseHead
+{
+public:
+    // Body framing (m_nBodyType).
+    enum
+    {
+        KBodyByLength = 256,    // Content-Length given
+        KBodyChunked = 512,     // Transfer-Encoding: chunked
+        KBodyUntilClose = 768,  // neither: the body ends with the connection
+    };
+
+    // A number the response did not give (lengths, range, status...).
+    static constexpr int KNotGiven = -1;
+
+    // Content encoding (m_nContentEncoding).
+    enum
+    {
+        KContentEncodingNone = 0,  // none or unknown
+        KContentEncodingGzip = 1,
+        KContentEncodingDeflate = 2,
+    };
+
+    CHttpResponseHead();
+    ~CHttpResponseHead();
+    CHttpResponseHead(const CHttpResponseHead&) = delete;
+
+    // Copies every field except the content encoding, which keeps its value;
+    // the source's cookie lines are appended to this record's lines as new
+    // copies (the old lines stay). Assigning a record to itself changes
+    // nothing.
+    CHttpResponseHead& operator=(const CHttpResponseHead& other);
+
+    // Every field back to its initial value; the cookie strings are deleted
+    // (a null entry is a fatal assertion).
+    void Reset();
+
+    int m_nHeadLen;            // bytes through the blank line, "\r\n\r\n" included
+    int m_nStatusCode;
+    int m_nContentLength;      // -1 when not given
+    int m_nContentTypeID;      // main type code, CHttpData::KType*
+    int m_nContentSubTypeID;   // sub-type code, CHttpData::KSub*
+    int m_nBodyType;           // KBody*
+    CQSString m_strLocation;
+    bool m_bCacheable;
+    int m_nRangeStart;         // Content-Range first byte
+    int m_nRangeTotal;         // Content-Range complete length
+    CQSString m_strAttachName; // Content-Disposition filename, quotes removed
+    CQList<CQSString*, CQSString*> m_listCookies;  // raw Set-Cookie values, owned
+    CQSString m_strCurPageURL; // "CurURL:"
+    CQSString m_strFileURL;    // "FileURL:"
+    CQSString m_strCharset;    // "UTF-8" or "GB2312"
+    int m_nOrigSize;           // "OrigSize:"
+    int m_nStreamSize;         // "StreamSize:"
+    int m_nIDVersion;          // "idversion:"
+    int m_nDate;               // Date, seconds on the cookie calendar
+    int m_nExpireDate;         // "ExpireDate:", seconds on the cookie calendar
+    int m_nMaxAge;
+    bool m_bPrivate;
+    bool m_bNoStore;
+    int m_nContentEncoding;    // KContentEncoding*
+
+private:
+    void DeleteCookieLines();
+};
 
 class CHttpData
 {
@@ -55,6 +125,9 @@ public:
     // The lines are fixed at construction; this call deliberately changes
     // nothing.
     void SetUserAgent(const CQSString& userAgent, const CQSString& vua, const CQSString& extra);
+
+    // A date text as seconds on the cookie calendar (0 when not readable).
+    unsigned int DateStringToInt(const CQSString& text) const;
 
     // ---- URL dissection (no allocation except FindHost(const CQSString&))
     // Host of url: ends at the first "/", ":" or "?". Null and len 0 without
@@ -97,6 +170,128 @@ public:
     int CopyHttpHeader_ContentLenght(int n, unsigned char* out);
     int CopyHttpHeader_Method(enHttpMethod method, bool absoluteTarget, unsigned char* out);
 
+    // ---- Response parsing. Every parser searches the whole buffer given
+    // (head and any body bytes behind it) for the first occurrence of its
+    // field, ignoring case; see src/internal/HeadMatch_p.h for the rule.
+
+    // Results of the response parsers.
+    enum
+    {
+        KHeadComplete = 0,     // GetResponseHead: the record is filled
+        KHeadIncomplete = -1,  // GetResponseHead: no complete head yet
+        KFieldParsed = 1,
+        KFieldAbsent = -1,
+        KChunkLineIncomplete = -1,  // GetChunkSize: no complete size line yet
+    };
+
+    // Main content type codes.
+    enum
+    {
+        KTypeNone = 0,  // no Content-Type value
+        KTypeUnknown = -1,
+        KTypeText = 16,
+        KTypeApplication = 48,
+        KTypeAudio = 96,
+        KTypeVideo = 144,
+        KTypeImage = 192,
+    };
+
+    // Content sub-type codes. 20 and 50 are not assigned.
+    enum
+    {
+        KSubNone = 0,  // no Content-Type value
+        KSubUnknown = -1,
+        KSubTextWml = 17,
+        KSubTextJadDescriptor = 18,
+        KSubTextHtml = 19,
+        KSubTextCss = 21,
+        KSubApplicationWapXhtml = 49,
+        KSubApplicationXhtml = 51,
+        KSubAudioMp3 = 97,
+        KSubAudioMidi = 98,
+        KSubAudioAmr = 99,
+        KSubAudioMpeg = 100,
+        KSubAudioRm = 101,
+        KSubAudioWav = 102,
+        KSubVideo3gpp = 145,
+        KSubVideoMpeg = 146,
+        KSubVideoJpeg = 147,
+    };
+
+    // Fills head from a complete response head: KHeadIncomplete when buf is
+    // null, len < 1, or "\r\n\r\n", "HTTP/" or the blank after the status
+    // are missing (head untouched then). Does not Reset head first.
+    int GetResponseHead(unsigned char* buf, int len, CHttpResponseHead& head);
+
+    // Content-Length (n and the head's length, framing 256); otherwise -1
+    // with framing 512 (chunked) or 768. Returns the length or -1.
+    int GetContentLenght(unsigned char* buf, int len, int& n, CHttpResponseHead& head);
+    // "Content-Range: bytes start-end/total"; on failure both fields -1.
+    int GetContentRange(unsigned char* buf, int len, CHttpResponseHead& head);
+    // Content type codes and charset.
+    int GetContentType(unsigned char* buf, int len, CHttpResponseHead& head);
+    // A null or empty type gives KTypeNone / KSubNone.
+    static void GetContentTypeID(CQSString* type, int& mainId, int& subId);
+    static int GetContentTypeSubID(CQSString* type, int mainId);
+    static int GetTextSubID(CQSString* type);
+    static int GetApplicationSubID(CQSString* type);
+    static int GetAudioSubID(CQSString* type);
+    static int GetVideoSubID(CQSString* type);
+    static int GetImageSubID(CQSString* type);
+    // "UTF-8" for a null or empty type or one naming UTF-8, else "GB2312"
+    // when named; otherwise charset is left as it was.
+    static void GetCharset(CQSString* type, CQSString& charset);
+    // KContentEncoding*; a missing field sets none and returns -1.
+    int GetContentEncoding(unsigned char* buf, int len, CHttpResponseHead& head);
+    int GetCacheControl(unsigned char* buf, int len, CHttpResponseHead& head);
+    int GetContentAttachName(unsigned char* buf, int len, CHttpResponseHead& head);
+    int GetLocation(unsigned char* buf, int len, CQSString& location);
+    // Appends every Set-Cookie value; -1 only for a null or empty buffer.
+    int GetCookie(unsigned char* buf, int len, CHttpResponseHead& head);
+    // Hands each line to the cookie holder (nothing without a holder).
+    void SaveCookies(CQSString& url, CQList<CQSString*>& lines);
+    // "Date:" and "ExpireDate:" as seconds on the cookie calendar.
+    int GetContentData(unsigned char* buf, int len, CHttpResponseHead& head);
+    int GetContentExpireData(unsigned char* buf, int len, CHttpResponseHead& head);
+    // "CurURL:" and "FileURL:", trimmed; 1 also when absent, -1 for a null
+    // or empty buffer.
+    int GetThisPageUrl(unsigned char* buf, int len, CQSString& url);
+    int GetFileUrl(unsigned char* buf, int len, CQSString& url);
+    // "OrigSize:", "StreamSize:", "idversion:": n is 0 unless the field
+    // gives a number (untouched for a null or empty buffer).
+    void GetOrignSize(unsigned char* buf, int len, int& n);
+    void GetStreamSize(unsigned char* buf, int len, int& n);
+    void GetIDVersion(unsigned char* buf, int len, int& n);
+
+    // One chunk-size line of a chunked body, after any line ends left by the
+    // previous chunk: returns the size and sets used to the bytes of the line
+    // with its line ends; -1 while the line is incomplete.
+    static int GetChunkSize(unsigned char* buf, int len, int& used);
+
+    // ---- Multipart file upload (boundary "7d92bf36e1196"). The writers
+    // follow the two-pass rule above.
+
+    // Builds the request head with the file part head into the unit's header
+    // and the trailer into its info data, from the unit's form fields
+    // (m_strData), file size, file path and field name. False, with nothing
+    // allocated, when the URL has no host or memory runs out.
+    bool GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit& unit);
+    // The trailer: "\r\n", the form field parts, the closing delimiter; a
+    // new[] buffer owned by the caller (null, len 0, when memory runs out).
+    unsigned char* GetPostFileInfoData(CQSString& formFields, int& len);
+    int CopyHttpHeader_PostFile_ContentType(unsigned char* out);
+    // The file part head: delimiter, Content-Disposition with name and file
+    // name, Content-Type, blank line.
+    int CopyHttpHeader_PostFile_ContentDisposition(const CQWString& name, const CQWString& fileName,
+                                                   unsigned char* out);
+    // One form field part.
+    int CopyHttpHeader_PostFile_FileInfo(CQSString& key, CQSString& value, unsigned char* out);
+    // A part per key=value pair of formFields ("&"-joined); 0 when empty.
+    int CopyHttpHeader_PostFile_AllFileInfo(CQSString& formFields, unsigned char* out);
+    // name = the URL after its first "//", up to the next "?", with "/" and
+    // ":" made "_". False (name untouched) for a null or empty URL.
+    static bool GetFileNameFromURL(CQSString* url, CQWString& name);
+
 private:
     CHttpData(const CHttpData&) = delete;
     CHttpData& operator=(const CHttpData&) = delete;
@@ -109,6 +304,7 @@ private:
     QCookieHolder* m_pCookieHolder = nullptr;  // not owned
     CQSString m_strUserAgent;
     CQSString m_strVUserAgent;
+    CookieParser m_DateParser;  // only for DateStringToInt
 };
 
 #endif

@@ -1,5 +1,6 @@
 // Request building and URL dissection of CHttpData.
 
+#include "src/CookieHolder.h"
 #include "src/HttpConfig.h"
 #include "src/HttpData.h"
 
@@ -130,6 +131,103 @@ TEST_F(HttpDataTest, ReportedLengthCoversExactlyTheBytes)
     ASSERT_TRUE(bytes);
     const std::string head(reinterpret_cast<const char*>(bytes.get()), static_cast<size_t>(len));
     EXPECT_EQ(head.size() - 4, head.find("\r\n\r\n"));
+}
+
+// ------------------------------------------------------------ cookie line
+
+// A cookie jar in a fresh directory, attached to the request under test.
+class HttpDataCookieTest : public HttpDataTest
+{
+protected:
+    void SetUp() override
+    {
+        holder.ConstructL(CQWString(dir.Path()));
+        data.SetCookiePointer(&holder);
+    }
+
+    void Store(const char* url, const char* setCookie)
+    {
+        ASSERT_EQ(1, holder.ParseCookie(CQSString(url), CQSString(setCookie)));
+    }
+
+    velatest::TempDir dir;
+    QCookieHolder holder;
+};
+
+TEST_F(HttpDataCookieTest, GetExampleWithCookieByteForByte)
+{
+    Store("http://srv.test:8080/login", "sid=ab12");
+    data.SetURL("http://srv.test:8080/news?id=7");
+    const std::string expected = std::string("GET /news?id=7 HTTP/1.1\r\n") + "Host: srv.test:8080\r\n" +
+                                 KUserAgentLine + "\r\n" + KVuaLine + "\r\n" + KAcceptLine + KAcceptCharsetLine +
+                                 "Accept-Encoding: gzip\r\n" + "Cookie: sid=ab12\r\n" + "Connection: close\r\n" +
+                                 "\r\n";
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(Get(data, KGzip))));
+}
+
+TEST_F(HttpDataCookieTest, PostExampleWithCookieByteForByte)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://srv.test:8080/news?id=7");
+    const std::string expected = std::string("POST /news?id=7 HTTP/1.1\r\n") + "Host: srv.test:8080\r\n" +
+                                 KUserAgentLine + "\r\n" + KAcceptLine + KAcceptCharsetLine +
+                                 "Cookie: sid=ab12\r\n" + "Content-Type: application/x-www-form-urlencoded\r\n" +
+                                 "Content-Length: 11\r\n" + KVuaLine + "\r\n" + "Connection: close\r\n" + "\r\n" +
+                                 "a=1&b=hello";
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(Post(data, "a=1&b=hello"))));
+}
+
+TEST_F(HttpDataCookieTest, HolderWithNothingForTheHostSendsNoCookieLine)
+{
+    Store("http://other.test/", "sid=ab12");
+    data.SetURL("http://srv.test/");
+    EXPECT_EQ(std::string::npos, Get(data).find("Cookie"));
+    EXPECT_EQ(std::string::npos, Post(data, "x").find("Cookie"));
+}
+
+TEST_F(HttpDataCookieTest, SeveralCookiesAreJoinedWithoutBlanksInTheHoldersOrder)
+{
+    Store("http://srv.test/", "a=1");
+    Store("http://srv.test/", "bb=22");
+    Store("http://srv.test/", "ccc=333");
+    // The builder keeps the order in which the holder's table yields them.
+    std::string pairs;
+    {
+        std::unique_ptr<CQHashTable<QCookieValue>> table(holder.GetCookie(CQSString("srv.test"), true));
+        ASSERT_TRUE(table);
+        ASSERT_EQ(3, table->GetCount());
+        QCookieValue** all = table->getall();
+        for (int i = 0; i < 3; ++i) {
+            pairs += (i ? ";" : "");
+            pairs += std::string(all[i]->name.GetDataPtr()) + "=" + all[i]->value.GetDataPtr();
+        }
+    }
+    data.SetURL("http://srv.test/");
+    EXPECT_NE(std::string::npos, Get(data).find("\r\nCookie: " + pairs + "\r\nConnection: close\r\n"));
+}
+
+TEST_F(HttpDataCookieTest, LookupUsesTheLowerCaseHostWithoutPort)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://SRV.Test:8080/x");
+    EXPECT_NE(std::string::npos, Get(data).find("\r\nCookie: sid=ab12\r\n"));
+}
+
+TEST_F(HttpDataCookieTest, ParentDomainCookiesReachSubdomains)
+{
+    Store("http://shop.org/", "k=v; domain=.shop.org");
+    data.SetURL("http://mail.shop.org/inbox");
+    EXPECT_NE(std::string::npos, Get(data).find("\r\nCookie: k=v\r\n"));
+}
+
+TEST_F(HttpDataCookieTest, DetachedHolderSendsNothing)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetCookiePointer(nullptr);
+    data.SetURL("http://srv.test/");
+    EXPECT_EQ(std::string::npos, Get(data).find("Cookie"));
 }
 
 // ------------------------------------------------------------ no request
