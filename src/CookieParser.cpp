@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -448,9 +449,21 @@ int CookieParser::strcasecomp(const char* a, const char* b)
 
 unsigned int CookieParser::GetCurrentTimeToInt()
 {
-    const QDateTime now = QDateTime::currentDateTime();
-    const QDate date = now.date();
-    const QTime time = now.time();
+    // The same local date and time that QDateTime::currentDateTime gives, read
+    // with localtime_r: Qt re-reads the time zone file on every call, which
+    // cost more than the rest of a cookie lookup together.
+    const time_t seconds = std::time(nullptr);
+    struct tm local = {};
+    if (!localtime_r(&seconds, &local)) {
+        const QDateTime now = QDateTime::currentDateTime();
+        local.tm_year = now.date().year() - 1900;
+        local.tm_mon = now.date().month() - 1;
+        local.tm_mday = now.date().day();
+        local.tm_hour = now.time().hour();
+        local.tm_min = now.time().minute();
+        local.tm_sec = now.time().second();
+    }
     // Month 1..12 against 0..11 in parsed dates: kept on purpose, stored expiry values depend on it.
-    return TimeValue(date.year(), date.month(), date.day(), time.hour(), time.minute(), time.second());
+    return TimeValue(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                     local.tm_sec);
 }
