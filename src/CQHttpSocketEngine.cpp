@@ -1,0 +1,815 @@
+// CQHttpSocketEngine: host lookup, connect, paced writes, pieced reads.
+//
+// Writing. A request is cut from its send unit in slices of at most
+// KSliceSize bytes, one LoadData per slice. The first KPacedSlices slices of
+// a request go to the socket one at a time, each only after the
+// bytes-written notification of the one before; a request head (almost
+// always below 4 KiB) is therefore written exactly slice by slice. Past
+// them a notification no longer releases a single slice: it tops the socket
+// up with as many slices as keep at most KSendWindowBytes waiting in it,
+// copied into iSendBuffer and handed over with one write call. One slice
+// per notification costs a system call and an event-loop turn per KiB, more
+// CPU than the transfer itself on a large upload. The wire carries the same
+// bytes in the same order either way, the unit is never read more than
+// KSendWindowBytes ahead of the socket, and reception is armed only once the
+// socket has written the last byte of the request.
+//
+// Reading. readyRead stays connected; iReadArmed says whether DoReceive has
+// armed reception (the notification is ignored otherwise, and bytes that
+// came meanwhile are read as soon as reception is armed). A notification is
+// drained in blocks of KReadBlockSize into the one iReceiveBuffer, with no
+// allocation per read, and each block is cut into KSliceSize pieces from
+// memory; a block is a whole number of pieces, so the pieces are those of
+// one big read. The pieces of a read stop at the first one the observer
+// answers with 0 (the rest of that read is dropped and reception is not
+// re-armed) or during which the engine was cancelled or given a new
+// exchange (iGeneration): an engine finished in the middle of a read must
+// not be fed the next bytes as a new response.
+//
+// Failures. QAbstractSocket tears its connection down after it has emitted
+// an error, so a report made inside that signal could not start the next
+// exchange on the same socket. Failures are therefore handled from the event
+// loop, and dropped when their connection is gone by then (iConnection). A
+// peer that closes while reception is armed ends the body: unread bytes
+// first, then OnSocketEngine_ReceivDataEnd. Any other failure is event 34.
+//
+// TLS. A secure exchange uses a QSslSocket made on first use. It connects to
+// the resolved address with the host name as peer verification name, trusts
+// the system CAs plus those given to AddCaCertificates, reports 32 once the
+// handshake is done, and any certificate error fails it with event 34.
+//
+// Host lookup. A literal address connects at once. Otherwise the DNS cache
+// is asked for a fresh entry, else QHostInfo: the first IPv4 address of the
+// answer is stored in the cache and used; an answer without one falls back
+// on any cached entry, however old, and only then reports 36. The answer of
+// a lookup that was cancelled is ignored.
+
+#include "src/CQHttpSocketEngine.h"
+
+#include "BaseClass/src/CQTimer.h"
+#include "BaseClass/src/QtAssert.h"
+#include "src/DNSCache.h"
+#include "src/RequestHeaderUnit.h"
+
+#include <QHostAddress>
+#include <QMetaObject>
+#include <QSslConfiguration>
+#include <QSslSocket>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace {
+
+const char KAssertFile[] = "src/CQHttpSocketEngine";
+
+// Results of the public steps.
+enum
+{
+    KRefused = 0,
+    KDone = 1,
+    KBusy = -1,
+};
+
+// Events raised to the observer.
+enum
+{
+    KEventConnected = 32,
+    KEventSocketError = 34,
+    KEventPassedOn35 = 35,
+    KEventHostNotResolvable = 36,
+    KEventResolved = 37,
+    KEventLookupStarted = 38,
+    KEventPassedOn48 = 48,
+    KEventPassedOn49 = 49,
+    KEventPassedOn50 = 50,
+};
+
+// QHostInfo id of no lookup.
+constexpr int KNoLookup = -1;
+
+// CA certificates trusted for https besides the system's.
+QList<QSslCertificate>& ExtraCaCertificates()
+{
+    static QList<QSslCertificate> certificates;
+    return certificates;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- creation
+
+CQHttpSocketEngine* CQHttpSocketEngine::NewL(MSocketEngineObserver* observer, int a, int b)
+{
+    return NewLC(observer, a, b);
+}
+
+CQHttpSocketEngine* CQHttpSocketEngine::NewLC(MSocketEngineObserver* observer, int a, int b)
+{
+    CQHttpSocketEngine* self = new (std::nothrow) CQHttpSocketEngine(observer);
+    if (self != nullptr)
+        self->ConstructL(a, b);
+    return self;
+}
+
+CQHttpSocketEngine::CQHttpSocketEngine(MSocketEngineObserver* observer)
+    : QObject(nullptr), iSocket(this), iObserver(observer)
+{
+}
+
+void CQHttpSocketEngine::ConstructL(int, int)
+{
+    iDnsCounter.SetMaxCount(KDnsCounterMax, 0);
+    // Both buffers keep this storage for the engine's whole life.
+    iReceiveBuffer.resize(KReadBlockSize);
+    iSendBuffer.resize(KSendWindowBytes);
+    ConnectSocketSignals(&iSocket);
+    connect(&iSocket, &QAbstractSocket::connected, this, &CQHttpSocketEngine::OnSocketConnect);
+}
+
+CQHttpSocketEngine::~CQHttpSocketEngine()
+{
+    // Leaving the access point engine's observers needs that engine's
+    // class, which the library does not have yet; SetIapEngine only keeps
+    // the pointer and never registers this engine.
+    iSocket.disconnect(this);
+    if (iSecureSocket != nullptr)
+        iSecureSocket->disconnect(this);
+    DisConnect();
+    ForgetLookup();
+    delete iSecureSocket;
+    iSecureSocket = nullptr;
+    delete[] iOLBlock;
+    iOLBlock = nullptr;
+}
+
+void CQHttpSocketEngine::ConnectSocketSignals(QTcpSocket* socket)
+{
+    connect(socket, &QAbstractSocket::errorOccurred, this, &CQHttpSocketEngine::OnSocketConnectError);
+    connect(socket, &QIODevice::bytesWritten, this, &CQHttpSocketEngine::OnDataSend);
+    connect(socket, &QIODevice::readyRead, this, &CQHttpSocketEngine::OnDataReceive);
+}
+
+QSslSocket* CQHttpSocketEngine::SecureSocket()
+{
+    if (iSecureSocket != nullptr)
+        return iSecureSocket;
+    iSecureSocket = new QSslSocket(this);
+    ConnectSocketSignals(iSecureSocket);
+    // Connected means ready to carry the request: after the handshake.
+    connect(iSecureSocket, &QSslSocket::encrypted, this, &CQHttpSocketEngine::OnSocketConnect);
+    connect(iSecureSocket, QOverload<const QList<QSslError>&>::of(&QSslSocket::sslErrors), this,
+            &CQHttpSocketEngine::OnSslErrors);
+    // Encrypted bytes leaving the socket make room in the send window too.
+    connect(iSecureSocket, &QSslSocket::encryptedBytesWritten, this, &CQHttpSocketEngine::OnDataSend);
+    return iSecureSocket;
+}
+
+void CQHttpSocketEngine::AddCaCertificates(const QList<QSslCertificate>& certificates)
+{
+    ExtraCaCertificates().append(certificates);
+}
+
+// ---------------------------------------------------------------- small calls
+
+int CQHttpSocketEngine::RunError(int)
+{
+    return KRefused;
+}
+
+void CQHttpSocketEngine::OnSelectIapObserver_NotifyStatus(bool, int) {}
+
+void CQHttpSocketEngine::SetSocketEvent(int event, int param)
+{
+    if (iObserver != nullptr)
+        iObserver->OnSocketEngine_SocketEvent(event, param);
+}
+
+void CQHttpSocketEngine::OnIapTransferBlocked() {}
+
+void CQHttpSocketEngine::OnIapTransferOpen() {}
+
+void CQHttpSocketEngine::SetServerName(unsigned char* name, int length)
+{
+    if (name == nullptr || length <= 0) {
+        iServerName.clear();
+        return;
+    }
+    iServerName = QByteArray(reinterpret_cast<const char*>(name), std::min(length, KMaxServerNameLength));
+}
+
+void CQHttpSocketEngine::SetPort(int port)
+{
+    iPort = port;
+}
+
+void CQHttpSocketEngine::SetSecure(bool secure)
+{
+    iSecure = secure;
+}
+
+void CQHttpSocketEngine::SetIapEngine(CIAPConnectEngine* engine)
+{
+    iIapEngine = engine;
+}
+
+void CQHttpSocketEngine::ChangeEngineStatus(enHttpSocketsEngineStatus status)
+{
+    iStatus = status;
+}
+
+void CQHttpSocketEngine::StartTimer(int) {}
+
+void CQHttpSocketEngine::StopTimer() {}
+
+void CQHttpSocketEngine::CloseIap() {}
+
+void CQHttpSocketEngine::ChangeStateL(const QByteArray&) {}
+
+CQHttpSocketEngine::enHttpSocketsEngineStatus CQHttpSocketEngine::GetEngineStatus() const
+{
+    return iStatus;
+}
+
+bool CQHttpSocketEngine::IsBusy() const
+{
+    return iBusy;
+}
+
+QString CQHttpSocketEngine::HostText() const
+{
+    const int zero = iServerName.indexOf('\0');
+    return QString::fromLatin1(iServerName.constData(), zero < 0 ? iServerName.size() : zero);
+}
+
+QTcpSocket* CQHttpSocketEngine::CurrentSocket()
+{
+    if (iSecure && iSecureSocket != nullptr)
+        return iSecureSocket;
+    return &iSocket;
+}
+
+bool CQHttpSocketEngine::IsFromCurrentSocket() const
+{
+    const QObject* from = sender();
+    if (from == nullptr)
+        return true;
+    if (iSecure && iSecureSocket != nullptr)
+        return from == iSecureSocket;
+    return from == &iSocket;
+}
+
+qint64 CQHttpSocketEngine::WaitingBytes(QTcpSocket* socket) const
+{
+    qint64 waiting = socket->bytesToWrite();
+    if (socket == iSecureSocket)
+        waiting += iSecureSocket->encryptedBytesToWrite();
+    return waiting;
+}
+
+// ---------------------------------------------------------------- connecting
+
+int CQHttpSocketEngine::ConnectL()
+{
+    if (iStatus != HSES_Idle)
+        return KRefused;
+    return ConnectServer();
+}
+
+int CQHttpSocketEngine::ConnectServer()
+{
+    ++iGeneration;
+    const QString host = HostText();
+    QHostAddress literal;
+    if (literal.setAddress(host))
+        return ConnectByIP(host);
+
+    CDNSCache* cache = CDNSCache::GetOrCreateRegistered();
+    if (cache == nullptr)
+        return StartDNS();
+    unsigned int ip = 0;
+    if (cache->GetAddress(CQWString(host), true, ip))
+        return ConnectByIP(QHostAddress(static_cast<quint32>(ip)).toString());
+    return StartDNS();
+}
+
+int CQHttpSocketEngine::StartDNS()
+{
+    iStatus = HSES_LookingUp;
+    ForgetLookup();
+    // By slot name: the answer then travels on a connection that goes with
+    // this engine, where a slot object would be leaked by Qt when the engine
+    // is destroyed before the answer comes.
+    iLookupId = QHostInfo::lookupHost(HostText(), this, SLOT(OnGetIPAddress(QHostInfo)));
+    static_cast<void>(iDnsCounter.IncreaseOne());
+    // The answer always comes through the event loop, so reporting after
+    // starting the lookup keeps the order 38, then 37 or 36; an observer
+    // that cancels here has the answer of the lookup just started ignored.
+    SetSocketEvent(KEventLookupStarted, 0);
+    return KDone;
+}
+
+void CQHttpSocketEngine::ForgetLookup()
+{
+    if (iLookupId == KNoLookup)
+        return;
+    // An answer already on its way still comes; it is ignored for want of
+    // its id.
+    QHostInfo::abortHostLookup(iLookupId);
+    iLookupId = KNoLookup;
+}
+
+void CQHttpSocketEngine::OnGetIPAddress(const QHostInfo& info)
+{
+    // An answer to a lookup that was cancelled, or replaced by a newer one.
+    if (info.lookupId() != iLookupId || iStatus != HSES_LookingUp)
+        return;
+    iLookupId = KNoLookup;
+
+    const QString host = HostText();
+    CDNSCache* cache = CDNSCache::GetOrCreateRegistered();
+    QHostAddress address;
+    const QList<QHostAddress> addresses = info.addresses();
+    for (const QHostAddress& candidate : addresses) {
+        if (candidate.protocol() == QAbstractSocket::IPv4Protocol) {
+            address = candidate;
+            break;
+        }
+    }
+
+    if (address.isNull()) {
+        // Nothing usable: an entry of an earlier run, however old, is
+        // better than failing.
+        unsigned int ip = 0;
+        if (cache != nullptr && cache->GetAddress(CQWString(host), false, ip)) {
+            iStatus = HSES_Resolved;
+            ConnectByIP(QHostAddress(static_cast<quint32>(ip)).toString());
+            return;
+        }
+        iStatus = HSES_Idle;
+        SetSocketEvent(KEventHostNotResolvable, 0);
+        return;
+    }
+
+    iStatus = HSES_Resolved;
+    if (cache != nullptr)
+        cache->Update(CQWString(host), address.toIPv4Address());
+    const quint64 generation = iGeneration;
+    SetSocketEvent(KEventResolved, 0);
+    // The observer may have cancelled or restarted the engine meanwhile.
+    if (generation == iGeneration && iStatus == HSES_Resolved)
+        ConnectByIP(address.toString());
+}
+
+int CQHttpSocketEngine::ConnectByIP(const QString& ip)
+{
+    if (iStatus != HSES_Idle && iStatus != HSES_Starting && iStatus != HSES_Resolved)
+        return KRefused;
+    iServerIp = ip;
+    ++iConnection;
+    iReadArmed = false;
+    iSliceCount = 0;
+    // Set before connecting: a loopback connect may report at once.
+    iStatus = HSES_Connecting;
+    const quint16 port = static_cast<quint16>(iPort);
+    if (iSecure) {
+        AbortSocket(&iSocket);
+        QSslSocket* socket = SecureSocket();
+        AbortSocket(socket);
+        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+        if (!ExtraCaCertificates().isEmpty())
+            configuration.addCaCertificates(ExtraCaCertificates());
+        socket->setSslConfiguration(configuration);
+        socket->connectToHostEncrypted(ip, port, HostText(), QIODevice::ReadWrite);
+    } else {
+        if (iSecureSocket != nullptr)
+            AbortSocket(iSecureSocket);
+        AbortSocket(&iSocket);
+        iSocket.connectToHost(ip, port, QIODevice::ReadWrite);
+    }
+    return KDone;
+}
+
+void CQHttpSocketEngine::AbortSocket(QTcpSocket* socket)
+{
+    // abort() leaves an unconnected socket alone, bytes still buffered from
+    // a connection the peer closed included; close() drops those.
+    socket->abort();
+    if (socket->isOpen())
+        socket->close();
+}
+
+void CQHttpSocketEngine::OnSocketConnect()
+{
+    if (!IsFromCurrentSocket())
+        return;
+    iBusy = false;
+    iStatus = HSES_Connected;
+    SetSocketEvent(KEventConnected, 0);
+}
+
+void CQHttpSocketEngine::OnSocketConnectError(QAbstractSocket::SocketError error)
+{
+    if (!IsFromCurrentSocket())
+        return;
+    DeferSocketFailure(error);
+}
+
+void CQHttpSocketEngine::OnSslErrors(const QList<QSslError>&)
+{
+    // The errors are never ignored: the handshake fails. The error signal
+    // that QSslSocket emits next belongs to the same connection and is
+    // dropped once this failure has been reported.
+    if (!IsFromCurrentSocket())
+        return;
+    DeferSocketFailure(QAbstractSocket::SslHandshakeFailedError);
+}
+
+void CQHttpSocketEngine::DeferSocketFailure(QAbstractSocket::SocketError error)
+{
+    const quint64 connection = iConnection;
+    QMetaObject::invokeMethod(
+        this, [this, connection, error] { HandleSocketFailure(connection, error); }, Qt::QueuedConnection);
+}
+
+void CQHttpSocketEngine::HandleSocketFailure(quint64 connection, QAbstractSocket::SocketError error)
+{
+    if (connection != iConnection || iStatus == HSES_Idle)
+        return;
+    // Later failures of this connection are dropped; a loop over pieces
+    // that is still running learns that the exchange is over.
+    ++iConnection;
+    ++iGeneration;
+    if (error == QAbstractSocket::RemoteHostClosedError && iReadArmed && iStatus == HSES_Receiving) {
+        EndBodyByClose(CurrentSocket());
+        return;
+    }
+    // Outside the socket's own signal now, the connection can be dropped
+    // for good; a cancel by the owner finds the engine idle already.
+    iReadArmed = false;
+    iStatus = HSES_Idle;
+    AbortSocket(CurrentSocket());
+    SetSocketEvent(KEventSocketError, 0);
+}
+
+void CQHttpSocketEngine::EndBodyByClose(QTcpSocket* socket)
+{
+    iReadArmed = false;
+    iBusy = false;
+    const quint64 generation = iGeneration;
+    while (socket->bytesAvailable() > 0) {
+        const int n = ReadBlock(socket);
+        if (n <= 0)
+            break;
+        iReceiveLength = 0;
+        if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), n, generation) == KStop) {
+            // The observer finished with the body, or moved the engine on.
+            if (generation == iGeneration)
+                iStatus = HSES_Idle;
+            return;
+        }
+    }
+    iStatus = HSES_Idle;
+    if (iObserver != nullptr)
+        iObserver->OnSocketEngine_ReceivDataEnd();
+}
+
+// ---------------------------------------------------------------- sending
+
+int CQHttpSocketEngine::DoSend(unsigned char* data, int length, bool owns)
+{
+    if (data == nullptr || length <= 0)
+        return KRefused;
+    ++iGeneration;
+    iDataUnit.ClearAll();
+    iDataUnit.SetData(data, length, owns);
+    iSendMode = KSendModeData;
+    return HandleSendData(&iDataUnit);
+}
+
+int CQHttpSocketEngine::DoSendFile(CQPostFileHeaderUnit& unit, bool owns)
+{
+    if (unit.m_pHeaderData == nullptr || unit.m_nHeaderLen < 1)
+        return KRefused;
+    ++iGeneration;
+    iFileUnit.ClearAll();
+    iFileUnit.SetData(unit.m_pHeaderData, unit.m_nHeaderLen, owns);
+    iFileUnit.SetInfoData(unit.m_pInfoData, unit.m_nInfoDataLen, owns);
+    // A file that cannot be opened streams as empty: head, then trailer.
+    static_cast<void>(iFileUnit.SetFile(unit.m_strFilePath, KSliceSize));
+    iSendMode = KSendModeFile;
+    return HandleSendData(&iFileUnit);
+}
+
+int CQHttpSocketEngine::DoSendOLFile(CQPostOLFileHeaderUnit&, bool)
+{
+    // The resumable upload (its block requests, replies and reply timer
+    // use) is carried by a protocol of its own that this build does not
+    // include yet; the upload is refused rather than started half-way.
+    return KRefused;
+}
+
+void CQHttpSocketEngine::DoClearSendInfo()
+{
+    iFileUnit.ClearAll();
+}
+
+int CQHttpSocketEngine::HandleSendData(CQSendUnit* unit)
+{
+    if (iObserver == nullptr || unit == nullptr)
+        return KRefused;
+    if (iBusy)
+        return KBusy;
+    iSliceCount = 0;
+    switch (WriteSlices(unit)) {
+    case KNothingToWrite:
+        break;
+    case KSlicesWritten:
+        return KDone;
+    case KWriteRefused:
+        return KRefused;
+    }
+    if (unit->EnableSendSize() > 0) {
+        // Bytes of an earlier request still wait in the socket: this one
+        // starts at the next bytes-written.
+        iStatus = HSES_Sending;
+        return KDone;
+    }
+    // Nothing to send: the request is complete as it stands.
+    DoReceive();
+    return KDone;
+}
+
+int CQHttpSocketEngine::WriteSlices(CQSendUnit* unit)
+{
+    if (unit->EnableSendSize() <= 0)
+        return KNothingToWrite;
+    QTcpSocket* socket = CurrentSocket();
+    if (socket->state() != QAbstractSocket::ConnectedState)
+        return KWriteRefused;
+    const qint64 waiting = WaitingBytes(socket);
+    const bool paced = iSliceCount < KPacedSlices;
+    // Paced: one slice, once the socket has written everything before it.
+    // Windowed: as many slices as fit beside what still waits.
+    const qint64 room = paced ? (waiting == 0 ? KSliceSize : 0) : KSendWindowBytes - waiting;
+    char* out = iSendBuffer.data();
+    int staged = 0;
+    while (staged + KSliceSize <= room && unit->EnableSendSize() > 0) {
+        unsigned char* slice = nullptr;
+        const int k = std::min(unit->LoadData(&slice, KSliceSize), KSliceSize);
+        if (k <= 0 || slice == nullptr)
+            break;
+        std::memcpy(out + staged, slice, static_cast<size_t>(k));
+        staged += k;
+        ++iSliceCount;
+        if (paced)
+            break;
+    }
+    if (staged == 0)
+        return KNothingToWrite;
+    iStatus = HSES_Sending;
+    socket->write(iSendBuffer.constData(), staged);
+    return KSlicesWritten;
+}
+
+void CQHttpSocketEngine::OnDataSend(qint64)
+{
+    if (!IsFromCurrentSocket())
+        return;
+    if (iStatus == HSES_Sending)
+        iBusy = false;
+    switch (iSendMode) {
+    case KSendModeData:
+        ContinueSend(&iDataUnit);
+        return;
+    case KSendModeFile:
+        ContinueSend(&iFileUnit);
+        return;
+    case KSendModeOLFile:
+        // Nothing sets this mode until the resumable upload is part of the
+        // build (DoSendOLFile refuses); its blocks are paced there.
+        return;
+    }
+    QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
+}
+
+void CQHttpSocketEngine::ContinueSend(CQSendUnit* unit)
+{
+    // A late notification after the request was finished or given up.
+    if (iStatus != HSES_Sending)
+        return;
+    if (WriteSlices(unit) != KNothingToWrite)
+        return;
+    if (unit->EnableSendSize() > 0 || WaitingBytes(CurrentSocket()) > 0)
+        return;
+    DoReceive();
+}
+
+// ---------------------------------------------------------------- receiving
+
+int CQHttpSocketEngine::DoReceive()
+{
+    if (iBusy)
+        return KBusy;
+    iReadArmed = true;
+    iStatus = HSES_Receiving;
+    iBusy = true;
+    // Bytes that came while reception was not armed raise no new readyRead.
+    if (CurrentSocket()->bytesAvailable() > 0) {
+        const quint64 connection = iConnection;
+        QMetaObject::invokeMethod(
+            this,
+            [this, connection] {
+                if (connection == iConnection)
+                    OnDataReceive();
+            },
+            Qt::QueuedConnection);
+    }
+    return KDone;
+}
+
+int CQHttpSocketEngine::ReadBlock(QTcpSocket* socket)
+{
+    const qint64 n = socket->read(iReceiveBuffer.data(), KReadBlockSize);
+    iLastReadCount = n > 0 ? static_cast<int>(n) : 0;
+    iReceiveLength = iLastReadCount;
+    return iLastReadCount;
+}
+
+void CQHttpSocketEngine::OnDataReceive()
+{
+    if (!IsFromCurrentSocket() || !iReadArmed)
+        return;
+    QTcpSocket* socket = CurrentSocket();
+    if (socket->bytesAvailable() <= 0)
+        return;
+    iBusy = false;
+    iReadArmed = false;
+    const quint64 generation = iGeneration;
+    for (;;) {
+        const int n = ReadBlock(socket);
+        if (n <= 0 || socket->bytesAvailable() <= 0 || iSendMode == KSendModeOLFile) {
+            // The last block of this read: handing it up re-arms reception.
+            static_cast<void>(HandleRecvData());
+            return;
+        }
+        iReceiveLength = 0;
+        if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), n, generation) == KStop) {
+            if (generation == iGeneration)
+                DropRestOfRead(socket);
+            return;
+        }
+    }
+}
+
+int CQHttpSocketEngine::HandleRecvData()
+{
+    if (iObserver == nullptr)
+        return KRefused;
+    const int len = iReceiveLength;
+    iReceiveLength = 0;
+    if (len > 0 && iSendMode != KSendModeOLFile) {
+        if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), len, iGeneration) == KStop)
+            return KRefused;
+    }
+    DoReceive();
+    return KDone;
+}
+
+int CQHttpSocketEngine::HandUpPieces(unsigned char* data, int len, quint64 generation)
+{
+    for (int offset = 0; offset < len; offset += KSliceSize) {
+        if (iObserver == nullptr)
+            return KStop;
+        const int n = std::min(KSliceSize, len - offset);
+        const int result = iObserver->OnSocketEngine_ReceiveData(data + offset, n);
+        if (generation != iGeneration || result == KStop)
+            return KStop;
+    }
+    return KGoOn;
+}
+
+void CQHttpSocketEngine::DropRestOfRead(QTcpSocket* socket)
+{
+    const qint64 rest = socket->bytesAvailable();
+    if (rest > 0)
+        static_cast<void>(socket->skip(rest));
+}
+
+// ---------------------------------------------------------------- cancelling
+
+void CQHttpSocketEngine::CloseSocket()
+{
+    iStatus = HSES_Idle;
+    ++iGeneration;
+    ++iConnection;
+    iReadArmed = false;
+    AbortSocket(CurrentSocket());
+}
+
+void CQHttpSocketEngine::CancelEngine()
+{
+    switch (iStatus) {
+    case HSES_Idle:
+    case HSES_Starting:
+        break;
+    case HSES_LookingUp:
+        ForgetLookup();
+        break;
+    case HSES_Resolved:
+        CloseSocket();
+        break;
+    case HSES_Connecting:
+        AbortSocket(CurrentSocket());
+        break;
+    case HSES_Connected:
+    case HSES_Sending:
+    case HSES_Receiving:
+        CloseSocket();
+        break;
+    }
+    ++iGeneration;
+    ++iConnection;
+    iReadArmed = false;
+    iBusy = false;
+    iSliceCount = 0;
+    iDnsCounter.ReCount();
+    iStatus = HSES_Idle;
+    iSecure = false;
+    CloseIap();
+}
+
+void CQHttpSocketEngine::DoCancel()
+{
+    CancelEngine();
+}
+
+void CQHttpSocketEngine::DisConnect()
+{
+    CancelEngine();
+}
+
+void CQHttpSocketEngine::OnSetSocketErrorEvent(int code, int param)
+{
+    CloseSocket();
+    switch (code) {
+    case KEventPassedOn35:
+    case KEventPassedOn48:
+    case KEventPassedOn49:
+    case KEventPassedOn50:
+        SetSocketEvent(code, param);
+        return;
+    default:
+        // Every other code is dropped without a report.
+        return;
+    }
+}
+
+// ---------------------------------------------------------------- resumable upload
+
+void CQHttpSocketEngine::SetOLHttp(void* http)
+{
+    iOLHttp = http;
+}
+
+void CQHttpSocketEngine::SetOLFileTimerObserver(CQTimerObserver* observer)
+{
+    iOLTimerObserver = observer;
+}
+
+void CQHttpSocketEngine::StartOLFileRecvTimer(CQTimerObserver* observer, int ms)
+{
+    StopOLFileRecvTimer();
+    iOLTimer = new (std::nothrow) CQTimer(this);
+    if (iOLTimer != nullptr)
+        static_cast<void>(iOLTimer->StartTimer(observer, ms, ms, CQTimer::KModeRepeat));
+}
+
+void CQHttpSocketEngine::StopOLFileRecvTimer()
+{
+    if (iOLTimer == nullptr)
+        return;
+    iOLTimer->StopTimer();
+    ForgetOLTimer();
+}
+
+void CQHttpSocketEngine::DoStopOLFileTimer()
+{
+    StopOLFileRecvTimer();
+}
+
+void CQHttpSocketEngine::ForgetOLTimer()
+{
+    // The stop may come from inside the timer's own callback, which
+    // CQTimer allows.
+    delete iOLTimer;
+    iOLTimer = nullptr;
+}
+
+unsigned int CQHttpSocketEngine::GetOLFileServerSavedLength() const
+{
+    // Replies of the resumable upload are read only by that protocol (not
+    // in this build), so no reply is ever held here.
+    return 0;
+}

@@ -1,0 +1,257 @@
+#ifndef VELANET_CQHTTPSOCKETENGINE_H
+#define VELANET_CQHTTPSOCKETENGINE_H
+
+// CQHttpSocketEngine carries one HTTP exchange at a time over one TCP (or
+// TLS) connection: host lookup (DNS cache first, then the system resolver),
+// connect, the request written in slices of at most 1024 bytes paced by
+// bytes-written notifications, and received bytes handed up in pieces of at
+// most 1024 bytes. It knows nothing of HTTP; its owner (the HTTP engine)
+// hears everything through MSocketEngineObserver.
+//
+// Status machine (enHttpSocketsEngineStatus):
+//   100 idle --ConnectL--> 102 lookup --answer--> 103 resolved --> 104 connecting
+//   100 --ConnectL, cache hit or literal address--> 104 connecting
+//   104 --connected--> 106 --slice written--> 107 --all sent--> 108 receiving
+//   any --socket error--> 100;  CancelEngine --> 100
+
+#include "BaseClass/src/CLimitedCounter.h"
+#include "BaseClass/src/CQString.h"
+#include "src/CQSendFileUnit.h"
+#include "src/IAPConnectEngine.h"
+
+#include <QAbstractSocket>
+#include <QByteArray>
+#include <QHostInfo>
+#include <QList>
+#include <QObject>
+#include <QSslCertificate>
+#include <QSslError>
+#include <QString>
+#include <QTcpSocket>
+
+class CQPostFileHeaderUnit;
+class CQPostOLFileHeaderUnit;
+class CQTimer;
+class CQTimerObserver;
+class QSslSocket;
+
+// What the socket engine reports to its owner.
+class MSocketEngineObserver
+{
+public:
+    virtual ~MSocketEngineObserver() = default;
+    // Events: 32 connected, 34 socket error, 35/48/49/50 passed through,
+    // 36 host not resolvable, 37 resolved, 38 lookup started.
+    virtual void OnSocketEngine_SocketEvent(int event, int param) = 0;
+    // A piece of at most 1024 received bytes; 0 stops reading.
+    virtual int OnSocketEngine_ReceiveData(unsigned char* data, int len) = 0;
+    virtual int OnSocketEngine_SendData(unsigned char* data, int len) = 0;
+    // The body ended with the connection (or the last chunk).
+    virtual int OnSocketEngine_ReceivDataEnd() = 0;
+    virtual unsigned char* OnSocketEngine_GetMoreSendData(int offset, int& len) = 0;
+};
+
+class CQHttpSocketEngine : public QObject, public MIAPConnectStateObserver
+{
+    Q_OBJECT
+
+public:
+    enum enHttpSocketsEngineStatus : int
+    {
+        HSES_Idle = 100,        // idle or closed; the only state in which ConnectL starts
+        HSES_Starting = 101,    // accepted by ConnectByIP as a starting state; never entered
+        HSES_LookingUp = 102,   // host lookup running; its answer moves on
+        HSES_Resolved = 103,    // address known, connecting next
+        HSES_Connecting = 104,  // TCP connect issued; connected() moves on
+        HSES_Connected = 106,   // connected, nothing sent yet
+        HSES_Sending = 107,     // a slice written, waiting for bytes-written
+        HSES_Receiving = 108,   // waiting for received data
+    };
+
+    // Send modes: memory request, multipart file upload, resumable upload.
+    enum
+    {
+        KSendModeData = 0,
+        KSendModeFile = 1,
+        KSendModeOLFile = 2,
+    };
+
+    static constexpr int KSliceSize = 1024;
+    static constexpr int KMaxServerNameLength = 256;
+
+    // The two integers are accepted and ignored.
+    static CQHttpSocketEngine* NewL(MSocketEngineObserver* observer, int, int);
+    static CQHttpSocketEngine* NewLC(MSocketEngineObserver* observer, int, int);
+    ~CQHttpSocketEngine() override;
+
+    // Trust these CA certificates (besides the system's) for https.
+    static void AddCaCertificates(const QList<QSslCertificate>& certificates);
+
+    virtual int RunError(int error);
+    virtual void OnSelectIapObserver_NotifyStatus(bool, int);
+    virtual void SetSocketEvent(int event, int param);
+    void OnIapTransferBlocked() override;
+    void OnIapTransferOpen() override;
+
+    void SetServerName(unsigned char* name, int length);
+    void SetPort(int port);
+    // An https request: connect with TLS and verify the host name.
+    void SetSecure(bool secure);
+    // The access point engine to register with (not owned).
+    void SetIapEngine(CIAPConnectEngine* engine);
+
+    int ConnectL();
+    int DoSend(unsigned char* data, int length, bool owns);
+    int DoSendFile(CQPostFileHeaderUnit& unit, bool owns);
+    int DoSendOLFile(CQPostOLFileHeaderUnit& unit, bool owns);
+    int DoReceive();
+    void DoClearSendInfo();
+    void CancelEngine();
+    void DoCancel();
+    void DisConnect();
+    void CloseSocket();
+    void OnSetSocketErrorEvent(int code, int param);
+    void ChangeEngineStatus(enHttpSocketsEngineStatus status);
+
+    // Resumable upload.
+    void SetOLHttp(void* http);
+    void SetOLFileTimerObserver(CQTimerObserver* observer);
+    void StartOLFileRecvTimer(CQTimerObserver* observer, int ms);
+    void StopOLFileRecvTimer();
+    void DoStopOLFileTimer();
+    unsigned int GetOLFileServerSavedLength() const;
+
+    // Kept for callers of the platform version; they do nothing.
+    void StartTimer(int);
+    void StopTimer();
+    void CloseIap();
+    void ChangeStateL(const QByteArray&);
+
+    enHttpSocketsEngineStatus GetEngineStatus() const;
+    bool IsBusy() const;
+
+    // Steps of the exchange, public for the owner and for tests.
+    int ConnectServer();
+    int StartDNS();
+    int ConnectByIP(const QString& ip);
+    int HandleSendData(CQSendUnit* unit);
+    int HandleRecvData();
+
+private slots:
+    void OnSocketConnect();
+    void OnSocketConnectError(QAbstractSocket::SocketError error);
+    void OnDataSend(qint64 bytes);
+    void OnDataReceive();
+    void OnGetIPAddress(const QHostInfo& info);
+    void OnSslErrors(const QList<QSslError>& errors);
+
+private:
+    explicit CQHttpSocketEngine(MSocketEngineObserver* observer);
+    void ConstructL(int, int);
+    CQHttpSocketEngine(const CQHttpSocketEngine&) = delete;
+    CQHttpSocketEngine& operator=(const CQHttpSocketEngine&) = delete;
+
+    // Results of the private steps.
+    enum
+    {
+        KStop = 0,   // HandUpPieces: the observer is done with this read
+        KGoOn = 1,   // HandUpPieces: every piece was taken
+    };
+    enum
+    {
+        KNothingToWrite = 0,  // WriteSlices: the unit is drained or the window is full
+        KSlicesWritten = 1,   // WriteSlices: one write call carries new slices
+        KWriteRefused = -1,   // WriteSlices: the socket is not connected
+    };
+
+    // Bytes read from the socket per read call; a multiple of KSliceSize so
+    // that cutting each block gives the same pieces as cutting the whole read.
+    static constexpr int KReadBlockSize = 64 * KSliceSize;
+    // Request bytes that may wait in the socket at once, once the first
+    // KPacedSlices slices of a request have gone one per bytes-written.
+    static constexpr int KSendWindowBytes = 64 * KSliceSize;
+    static constexpr int KPacedSlices = 4;
+    static constexpr int KDnsCounterMax = 3;
+    static constexpr int KUnusedTimeOut = 30000;
+    static constexpr int KOLBlockSize = 20480;
+
+    friend class CQHttpSocketEngineTestPeer;
+
+    // serverName up to its first zero byte, one character per byte.
+    QString HostText() const;
+    // The socket of the current (or last) connection.
+    QTcpSocket* CurrentSocket();
+    // Request bytes the socket holds and has not written yet (for TLS the
+    // plain bytes not yet encrypted plus the encrypted bytes not yet sent).
+    qint64 WaitingBytes(QTcpSocket* socket) const;
+    // Whether a slot runs for the current socket (or was called directly).
+    bool IsFromCurrentSocket() const;
+    // The TLS socket, made and wired on first use.
+    QSslSocket* SecureSocket();
+    void ConnectSocketSignals(QTcpSocket* socket);
+    // Ends the current connection without a report; a no-op when closed.
+    void AbortSocket(QTcpSocket* socket);
+    // Aborts a running lookup; an answer already sent is ignored.
+    void ForgetLookup();
+    // Cuts slices from unit into iSendBuffer as the pacing allows and hands
+    // them to the socket with one write call.
+    [[nodiscard]] int WriteSlices(CQSendUnit* unit);
+    // After a bytes-written notification: more slices, or reception once
+    // the socket has taken the whole request.
+    void ContinueSend(CQSendUnit* unit);
+    // Reads at most KReadBlockSize bytes into iReceiveBuffer; the count.
+    [[nodiscard]] int ReadBlock(QTcpSocket* socket);
+    // Hands data to the observer in pieces of KSliceSize; KStop at the
+    // first piece answered with 0 or during which generation changed.
+    [[nodiscard]] int HandUpPieces(unsigned char* data, int len, quint64 generation);
+    // The rest of the current read, dropped after the observer stopped.
+    void DropRestOfRead(QTcpSocket* socket);
+    // A socket failure, handled once the socket has finished its own
+    // signal: the end of a body framed by the close, or event 34.
+    void DeferSocketFailure(QAbstractSocket::SocketError error);
+    void HandleSocketFailure(quint64 connection, QAbstractSocket::SocketError error);
+    // The peer closed while reception was armed: unread bytes, then the end.
+    void EndBodyByClose(QTcpSocket* socket);
+    // Frees the reply timer (also from inside its own callback).
+    void ForgetOLTimer();
+
+    QTcpSocket iSocket;                   // the plain connection (a child of the engine)
+    QString iServerIp;                    // the dotted address last given to ConnectByIP
+    int iPort = 0;
+    QByteArray iServerName;               // at most KMaxServerNameLength bytes
+    enHttpSocketsEngineStatus iStatus = HSES_Idle;
+    CIAPConnectEngine* iIapEngine = nullptr;  // not owned
+    QSslSocket* iSecureSocket = nullptr;  // owned (a child), made for the first https exchange
+    MSocketEngineObserver* iObserver;     // not owned
+    int iTimeOut = KUnusedTimeOut;        // kept for the platform version; never read
+    QByteArray iReceiveBuffer;            // KReadBlockSize bytes of storage, reused by every read
+    int iReceiveLength = 0;               // bytes in iReceiveBuffer not yet handed up
+    int iLastReadCount = 0;               // count of the last socket read
+    QByteArray iSendBuffer;               // KSendWindowBytes of storage: the slices of one write
+    QByteArray iOLSendBuffer;             // the resumable upload's block being written
+    unsigned char* iOLBlock = nullptr;    // owned, KOLBlockSize bytes when allocated
+    CQSendDataUnit iDataUnit;
+    CQSendFileUnit iFileUnit;
+    int iSendMode = KSendModeData;
+    CLimitedCounter iDnsCounter;          // lookups started; never tested
+    bool iSecure = false;
+    CQSString iOLKey;
+    CQSString iOLHost;
+    int iOLState = 0;
+    void* iOLHttp = nullptr;                      // not owned, not used
+    CQTimer* iOLTimer = nullptr;                  // the running reply timer, a child
+    CQTimerObserver* iOLTimerObserver = nullptr;  // not owned
+    bool iBusy = false;
+
+    bool iReadArmed = false;   // reception armed: readyRead is acted upon
+    int iSliceCount = 0;       // slices cut from the request being written
+    int iLookupId = -1;        // QHostInfo id of the running lookup
+    // Bumped by every cancel, close, new exchange and reported failure: a
+    // loop over pieces stops when it changes under it.
+    quint64 iGeneration = 0;
+    // Bumped by every new connection and every close: a failure deferred
+    // from an older connection is dropped.
+    quint64 iConnection = 0;
+};
+
+#endif

@@ -1,0 +1,1199 @@
+// The HTTP socket engine against a QTcpServer on 127.0.0.1: lookup and
+// cache paths, connect, paced request slices, pieces of received bytes,
+// the stop rules of a read, the end of a body framed by the close, failures
+// and cancellation.
+
+#include "src/CQHttpSocketEngine.h"
+
+#include "BaseClass/src/CQInstance.h"
+#include "BaseClass/src/CQTimer.h"
+#include "src/DNSCache.h"
+#include "src/RequestHeaderUnit.h"
+
+#include "support/TestSupport.h"
+
+#include <QFile>
+#include <QHostAddress>
+#include <QHostInfo>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+// Reaches the engine's private parts for what no public call shows.
+class CQHttpSocketEngineTestPeer
+{
+public:
+    static QTcpSocket& Socket(CQHttpSocketEngine& engine) { return engine.iSocket; }
+    static QByteArray ServerName(const CQHttpSocketEngine& engine) { return engine.iServerName; }
+    static int DnsCount(const CQHttpSocketEngine& engine) { return engine.iDnsCounter.GetCount(); }
+    static int LookupId(const CQHttpSocketEngine& engine) { return engine.iLookupId; }
+    static void GiveLookupAnswer(CQHttpSocketEngine& engine, const QHostInfo& info) { engine.OnGetIPAddress(info); }
+    static void SetSendMode(CQHttpSocketEngine& engine, int mode) { engine.iSendMode = mode; }
+    static void BytesWritten(CQHttpSocketEngine& engine, qint64 n) { engine.OnDataSend(n); }
+    // Reception armed as DoReceive arms it, without looking for bytes that
+    // are already there.
+    static void ArmWithoutReading(CQHttpSocketEngine& engine)
+    {
+        engine.iReadArmed = true;
+        engine.iBusy = true;
+        engine.iStatus = CQHttpSocketEngine::HSES_Receiving;
+    }
+};
+
+namespace {
+
+using ::testing::_;
+using ::testing::InSequence;
+using ::testing::Invoke;
+using ::testing::Return;
+using ::testing::StrictMock;
+
+using Peer = CQHttpSocketEngineTestPeer;
+
+constexpr int KDeadlineMs = 10000;
+constexpr quint32 KLoopback = 0x7F000001u;  // 127.0.0.1 as toIPv4Address gives it
+
+class MockObserver : public MSocketEngineObserver
+{
+public:
+    MOCK_METHOD(void, OnSocketEngine_SocketEvent, (int event, int param), (override));
+    MOCK_METHOD(int, OnSocketEngine_ReceiveData, (unsigned char* data, int len), (override));
+    MOCK_METHOD(int, OnSocketEngine_SendData, (unsigned char* data, int len), (override));
+    MOCK_METHOD(int, OnSocketEngine_ReceivDataEnd, (), (override));
+    MOCK_METHOD(unsigned char*, OnSocketEngine_GetMoreSendData, (int offset, int& len), (override));
+};
+
+// Bytes that differ from one 1024-byte slice to the next.
+QByteArray Pattern(int len, int seed = 0)
+{
+    QByteArray bytes(len, '\0');
+    for (int i = 0; i < len; ++i)
+        bytes[i] = static_cast<char>((i * 7 + i / 1024 + seed) & 0xFF);
+    return bytes;
+}
+
+// The pieces the documented rule cuts from one read of n bytes.
+std::vector<int> PiecesOf(int n)
+{
+    std::vector<int> pieces;
+    for (int offset = 0; offset < n; offset += 1024)
+        pieces.push_back(std::min(1024, n - offset));
+    return pieces;
+}
+
+// One bytes-written notification of the engine's socket, seen after the
+// engine has acted on it.
+struct Notification
+{
+    qint64 bytes = 0;
+    int status = 0;
+    qint64 waiting = 0;  // bytes the socket still holds afterwards
+    bool operator==(const Notification& o) const
+    {
+        return bytes == o.bytes && status == o.status && waiting == o.waiting;
+    }
+};
+
+void PrintTo(const Notification& n, std::ostream* os)
+{
+    *os << "{bytes " << n.bytes << ", status " << n.status << ", waiting " << n.waiting << "}";
+}
+
+// A scripted peer: accepts connections and records what it reads.
+class LoopbackServer
+{
+public:
+    LoopbackServer()
+    {
+        EXPECT_TRUE(m_server.listen(QHostAddress(QHostAddress::LocalHost), 0));
+        QObject::connect(&m_server, &QTcpServer::newConnection, &m_server, [this] {
+            while (QTcpSocket* socket = m_server.nextPendingConnection()) {
+                ++connections;
+                peer = socket;
+                QObject::connect(socket, &QIODevice::readyRead, socket, [this, socket] {
+                    const QByteArray bytes = socket->readAll();
+                    received += bytes;
+                });
+                QObject::connect(socket, &QAbstractSocket::disconnected, socket, [this] { ++disconnects; });
+            }
+        });
+    }
+
+    quint16 Port() const { return m_server.serverPort(); }
+
+    // Writes bytes in one system call (one segment on loopback).
+    void Send(const QByteArray& bytes)
+    {
+        ASSERT_NE(nullptr, peer);
+        ASSERT_EQ(bytes.size(), peer->write(bytes));
+        ASSERT_TRUE(peer->flush());
+    }
+
+    void Close()
+    {
+        ASSERT_NE(nullptr, peer);
+        peer->disconnectFromHost();
+    }
+
+    QTcpServer m_server;
+    QTcpSocket* peer = nullptr;
+    QByteArray received;
+    int connections = 0;
+    int disconnects = 0;
+};
+
+unsigned char* Bytes(QByteArray& bytes)
+{
+    return reinterpret_cast<unsigned char*>(bytes.data());
+}
+
+void SetName(CQHttpSocketEngine& engine, const QByteArray& name)
+{
+    QByteArray copy = name;
+    engine.SetServerName(Bytes(copy), copy.size());
+}
+
+class SocketEngineTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        CDNSCache::ReleaseRegistered();
+        CDNSCache::SetCacheDirectory(m_dnsDir.Path());
+        engine.reset(CQHttpSocketEngine::NewL(&observer, 1024, 1024));
+        ASSERT_NE(nullptr, engine);
+    }
+
+    void TearDown() override
+    {
+        engine.reset();
+        CDNSCache::ReleaseRegistered();
+    }
+
+    int Status() const { return engine->GetEngineStatus(); }
+    QTcpSocket& Socket() { return Peer::Socket(*engine); }
+
+    // Connects to 127.0.0.1:port and waits for event 32 and the server side.
+    void Connect(LoopbackServer& to)
+    {
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+        SetName(*engine, "127.0.0.1");
+        engine->SetPort(to.Port());
+        ASSERT_EQ(1, engine->ConnectL());
+        ASSERT_TRUE(velatest::SpinUntil(
+            [&] { return Status() == CQHttpSocketEngine::HSES_Connected && to.peer != nullptr; }, KDeadlineMs));
+    }
+
+    // Every received piece is recorded; the observer answers `answer`.
+    void RecordPieces(int answer = 1)
+    {
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, _))
+            .WillRepeatedly(Invoke([this, answer](unsigned char* data, int len) {
+                pieces.emplace_back(reinterpret_cast<const char*>(data), len);
+                return answer;
+            }));
+    }
+
+    std::vector<int> PieceSizes() const
+    {
+        std::vector<int> sizes;
+        for (const QByteArray& piece : pieces)
+            sizes.push_back(piece.size());
+        return sizes;
+    }
+
+    QByteArray Joined() const
+    {
+        QByteArray all;
+        for (const QByteArray& piece : pieces)
+            all += piece;
+        return all;
+    }
+
+    // The server sends n bytes; they wait in the engine's socket until
+    // reception is armed, so they arrive as one read.
+    void BufferUnarmed(LoopbackServer& from, const QByteArray& bytes)
+    {
+        from.Send(bytes);
+        ASSERT_TRUE(velatest::SpinUntil([&] { return Socket().bytesAvailable() == bytes.size(); }, KDeadlineMs));
+    }
+
+    velatest::TempDir m_dnsDir;
+    StrictMock<MockObserver> observer;
+    std::unique_ptr<CQHttpSocketEngine> engine;
+    std::vector<QByteArray> pieces;
+};
+
+// ---------------------------------------------------------------- connecting
+
+TEST_F(SocketEngineTest, LiteralIPv4ConnectsWithoutLookupOrCache)
+{
+    LoopbackServer server;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    // The cache was not even created, and no lookup was counted.
+    EXPECT_EQ(nullptr, CQInstance::Instance()->GetByUid(CDNSCache::KUidDNSCache));
+    EXPECT_EQ(0, Peer::DnsCount(*engine));
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(SocketEngineTest, ServerNameEndsAtItsFirstZeroByte)
+{
+    LoopbackServer server;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    SetName(*engine, QByteArray("127.0.0.1\0junk.example", 22));
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, CacheHitConnectsWithoutLookupEvents)
+{
+    LoopbackServer server;
+    CDNSCache::GetOrCreateRegistered()->Update(CQWString(QStringLiteral("cached-host.invalid")), KLoopback);
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    SetName(*engine, "cached-host.invalid");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    EXPECT_EQ(1, server.connections);
+    EXPECT_EQ(0, Peer::DnsCount(*engine));
+}
+
+TEST_F(SocketEngineTest, LookupHitReports38Then37Then32AndFillsTheCache)
+{
+    LoopbackServer server;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(37, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    }
+    SetName(*engine, "localhost");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_LookingUp, Status());
+    EXPECT_EQ(1, Peer::DnsCount(*engine));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    EXPECT_EQ(1, server.connections);
+
+    unsigned int ip = 0;
+    ASSERT_TRUE(CDNSCache::GetOrCreateRegistered()->GetAddress(CQWString(QStringLiteral("localhost")), true, ip));
+    EXPECT_EQ(KLoopback, ip);
+}
+
+TEST_F(SocketEngineTest, SecondConnectFindsTheLookedUpNameInTheCache)
+{
+    LoopbackServer server;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(37, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0)).Times(2);
+    }
+    SetName(*engine, "localhost");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    engine->CancelEngine();
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    EXPECT_TRUE(velatest::SpinUntil([&] { return server.connections == 2; }, KDeadlineMs));
+}
+
+// The cache file of an earlier run: entries read from it are not fresh.
+void WriteCacheFile(const QString& path, const QString& host, quint32 ip)
+{
+    QByteArray file;
+    auto put32 = [&file](quint32 v) {
+        for (int i = 0; i < 4; ++i)
+            file.append(static_cast<char>((v >> (8 * i)) & 0xFF));
+    };
+    put32(1);
+    put32(static_cast<quint32>(host.size()));
+    for (const QChar c : host) {
+        file.append(static_cast<char>(c.unicode() & 0xFF));
+        file.append(static_cast<char>(c.unicode() >> 8));
+    }
+    put32(ip);
+    file.append(QByteArray(8, '\0'));  // time 0
+    QFile out(path);
+    ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    ASSERT_EQ(file.size(), out.write(file));
+}
+
+TEST_F(SocketEngineTest, FailedLookupFallsBackOnAStaleCacheEntry)
+{
+    LoopbackServer server;
+    WriteCacheFile(CDNSCache::CacheFilePath(), QStringLiteral("stale-host.invalid"), KLoopback);
+    unsigned int ip = 0;
+    ASSERT_FALSE(CDNSCache::GetOrCreateRegistered()->GetAddress(CQWString(QStringLiteral("stale-host.invalid")), true, ip));
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    }
+    SetName(*engine, "stale-host.invalid");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_LookingUp, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+    EXPECT_EQ(1, server.connections);
+}
+
+TEST_F(SocketEngineTest, FailedLookupWithoutAnyCacheEntryReports36)
+{
+    bool reported = false;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(36, 0)).WillOnce(Invoke([&](int, int) { reported = true; }));
+    }
+    SetName(*engine, "no-such-host.invalid");
+    engine->SetPort(80);
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return reported; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(SocketEngineTest, AnswerOfACancelledLookupIsIgnored)
+{
+    LoopbackServer first;
+    LoopbackServer second;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    }
+    SetName(*engine, "localhost");
+    engine->SetPort(first.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    const int staleId = Peer::LookupId(*engine);
+    engine->CancelEngine();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+
+    // A late answer of that lookup, as QHostInfo would deliver it.
+    QHostInfo late(staleId);
+    late.setHostName(QStringLiteral("localhost"));
+    late.setAddresses({QHostAddress(QHostAddress::LocalHost)});
+    Peer::GiveLookupAnswer(*engine, late);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+
+    // A newer exchange goes on undisturbed; a real lookup of the same name
+    // started after the cancelled one has come back by the end.
+    bool lookedUp = false;
+    QHostInfo::lookupHost(QStringLiteral("localhost"), &second.m_server, [&](const QHostInfo&) { lookedUp = true; });
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(second.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return lookedUp && Status() == CQHttpSocketEngine::HSES_Connected && second.connections == 1; },
+        KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(0, first.connections);
+}
+
+TEST_F(SocketEngineTest, CancelInsideTheResolvedReportStopsTheConnect)
+{
+    LoopbackServer server;
+    bool resolved = false;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(37, 0)).WillOnce(Invoke([&](int, int) {
+            resolved = true;
+            engine->CancelEngine();
+        }));
+    }
+    SetName(*engine, "localhost");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return resolved; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(QAbstractSocket::UnconnectedState, Socket().state());
+}
+
+TEST_F(SocketEngineTest, ConnectionRefusedIsError34)
+{
+    quint16 closedPort = 0;
+    {
+        QTcpServer probe;
+        ASSERT_TRUE(probe.listen(QHostAddress(QHostAddress::LocalHost), 0));
+        closedPort = probe.serverPort();
+    }
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(closedPort);
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+struct StatusRow
+{
+    const char* name;
+    CQHttpSocketEngine::enHttpSocketsEngineStatus status;
+};
+
+class ConnectOutsideIdleTest : public SocketEngineTest, public ::testing::WithParamInterface<StatusRow>
+{
+};
+
+TEST_P(ConnectOutsideIdleTest, ReturnsZeroAndDoesNothing)
+{
+    LoopbackServer server;
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    engine->ChangeEngineStatus(GetParam().status);
+    EXPECT_EQ(0, engine->ConnectL());
+    EXPECT_EQ(GetParam().status, engine->GetEngineStatus());
+    EXPECT_EQ(QAbstractSocket::UnconnectedState, Socket().state());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(0, server.connections);
+}
+
+const StatusRow KStatusRows[] = {
+    {"status_101", CQHttpSocketEngine::HSES_Starting},  {"status_102", CQHttpSocketEngine::HSES_LookingUp},
+    {"status_103", CQHttpSocketEngine::HSES_Resolved},  {"status_104", CQHttpSocketEngine::HSES_Connecting},
+    {"status_106", CQHttpSocketEngine::HSES_Connected}, {"status_107", CQHttpSocketEngine::HSES_Sending},
+    {"status_108", CQHttpSocketEngine::HSES_Receiving},
+};
+
+INSTANTIATE_TEST_SUITE_P(Statuses, ConnectOutsideIdleTest, ::testing::ValuesIn(KStatusRows),
+                         [](const ::testing::TestParamInfo<StatusRow>& info) { return std::string(info.param.name); });
+
+TEST_F(SocketEngineTest, ConnectByIPOnlyFromItsStartingStatuses)
+{
+    engine->ChangeEngineStatus(CQHttpSocketEngine::HSES_Connected);
+    EXPECT_EQ(0, engine->ConnectByIP(QStringLiteral("127.0.0.1")));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connected, Status());
+
+    LoopbackServer server;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    engine->SetPort(server.Port());
+    engine->ChangeEngineStatus(CQHttpSocketEngine::HSES_Starting);
+    EXPECT_EQ(1, engine->ConnectByIP(QStringLiteral("127.0.0.1")));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+}
+
+// ---------------------------------------------------------------- server name
+
+struct NameRow
+{
+    const char* name;
+    int length;
+    int kept;
+};
+
+class ServerNameLengthTest : public SocketEngineTest, public ::testing::WithParamInterface<NameRow>
+{
+};
+
+TEST_P(ServerNameLengthTest, KeepsAtMost256Bytes)
+{
+    QByteArray name = Pattern(GetParam().length, 3);
+    engine->SetServerName(Bytes(name), name.size());
+    EXPECT_EQ(name.left(GetParam().kept), Peer::ServerName(*engine));
+}
+
+const NameRow KNameRows[] = {
+    {"length_1", 1, 1},       {"length_255", 255, 255}, {"length_256", 256, 256},
+    {"length_257", 257, 256}, {"length_300", 300, 256},
+};
+
+INSTANTIATE_TEST_SUITE_P(Lengths, ServerNameLengthTest, ::testing::ValuesIn(KNameRows),
+                         [](const ::testing::TestParamInfo<NameRow>& info) { return std::string(info.param.name); });
+
+TEST_F(SocketEngineTest, ServerNameLongerThan256IsCutBeforeTheCacheIsAsked)
+{
+    LoopbackServer server;
+    const QByteArray cut(256, 'a');
+    CDNSCache::GetOrCreateRegistered()->Update(CQWString(QString::fromLatin1(cut)), KLoopback);
+    // Cut to the cached name: a cache hit, no lookup.
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    SetName(*engine, cut + "bcdef");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Connected; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, NullOrEmptyServerNameLeavesNoName)
+{
+    QByteArray name("example.org");
+    engine->SetServerName(Bytes(name), name.size());
+    engine->SetServerName(nullptr, 5);
+    EXPECT_TRUE(Peer::ServerName(*engine).isEmpty());
+    engine->SetServerName(Bytes(name), name.size());
+    engine->SetServerName(Bytes(name), -1);
+    EXPECT_TRUE(Peer::ServerName(*engine).isEmpty());
+}
+
+// ---------------------------------------------------------------- sending
+
+TEST_F(SocketEngineTest, RequestOf2500BytesGoesAs1024_1024_452EachAfterThePreviousBytesWritten)
+{
+    LoopbackServer server;
+    Connect(server);
+    std::vector<Notification> seen;
+    QObject::connect(&Socket(), &QIODevice::bytesWritten, &server.m_server, [&](qint64 n) {
+        seen.push_back({n, Status(), Socket().bytesToWrite()});
+    });
+
+    QByteArray request = Pattern(2500);
+    ASSERT_EQ(1, engine->DoSend(Bytes(request), request.size(), false));
+    // Only the first slice is in the socket; the rest waits for its bytes-written.
+    EXPECT_EQ(1024, Socket().bytesToWrite());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Sending, Status());
+    EXPECT_FALSE(engine->IsBusy());
+
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.received.size() == 2500; }, KDeadlineMs));
+    EXPECT_EQ(request, server.received);
+    const std::vector<Notification> expected = {
+        {1024, CQHttpSocketEngine::HSES_Sending, 1024},
+        {1024, CQHttpSocketEngine::HSES_Sending, 452},
+        {452, CQHttpSocketEngine::HSES_Receiving, 0},
+    };
+    EXPECT_EQ(expected, seen);
+    EXPECT_TRUE(engine->IsBusy());  // reception armed
+}
+
+TEST_F(SocketEngineTest, LargeRequestIsWrittenInWindowsAfterFourPacedSlices)
+{
+    LoopbackServer server;
+    Connect(server);
+    std::vector<Notification> seen;
+    QObject::connect(&Socket(), &QIODevice::bytesWritten, &server.m_server, [&](qint64 n) {
+        seen.push_back({n, Status(), Socket().bytesToWrite()});
+    });
+
+    const int size = 300 * 1024 + 17;
+    QByteArray request = Pattern(size, 5);
+    ASSERT_EQ(1, engine->DoSend(Bytes(request), request.size(), false));
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return server.received.size() == size && Status() == CQHttpSocketEngine::HSES_Receiving; },
+        KDeadlineMs));
+    EXPECT_EQ(request, server.received);
+
+    ASSERT_GE(seen.size(), 5u);
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(1024, seen[i].bytes) << "paced slice " << i;
+        // After the first three, exactly the next slice went in.
+        if (i < 3) {
+            EXPECT_EQ(1024, seen[i].waiting) << "paced slice " << i;
+        }
+    }
+    qint64 total = 0;
+    for (const Notification& n : seen) {
+        total += n.bytes;
+        EXPECT_LE(n.waiting, 64 * 1024);
+    }
+    EXPECT_EQ(size, total);
+    // Far fewer system calls than the 301 slices.
+    EXPECT_LT(seen.size(), 301u / 4);
+}
+
+TEST_F(SocketEngineTest, FileUploadStreamsHeadFileAndTrailer)
+{
+    LoopbackServer server;
+    Connect(server);
+    velatest::TempDir dir;
+    const QByteArray file = Pattern(5000, 9);
+    {
+        QFile out(dir.File(QStringLiteral("upload.bin")));
+        ASSERT_TRUE(out.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.size(), out.write(file));
+    }
+    const QByteArray head = "POST /up HTTP/1.1\r\nContent-Length: 5021\r\n\r\n--part-head--";
+    const QByteArray trailer = "\r\n--end--\r\n";
+    CQPostFileHeaderUnit unit;
+    unsigned char* headBytes = new unsigned char[head.size()];
+    std::memcpy(headBytes, head.constData(), static_cast<size_t>(head.size()));
+    unit.SetHeaderData(headBytes, head.size());
+    unsigned char* trailerBytes = new unsigned char[trailer.size()];
+    std::memcpy(trailerBytes, trailer.constData(), static_cast<size_t>(trailer.size()));
+    unit.SetInfoData(trailerBytes, trailer.size());
+    unit.m_strFilePath = CQWString(dir.File(QStringLiteral("upload.bin")));
+
+    ASSERT_EQ(1, engine->DoSendFile(unit, false));
+    const QByteArray expected = head + file + trailer;
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return server.received.size() == expected.size() && Status() == CQHttpSocketEngine::HSES_Receiving; },
+        KDeadlineMs));
+    EXPECT_EQ(expected, server.received);
+}
+
+TEST_F(SocketEngineTest, FileUploadOfAMissingFileSendsHeadAndTrailer)
+{
+    LoopbackServer server;
+    Connect(server);
+    velatest::TempDir dir;
+    const QByteArray head = "POST /up HTTP/1.1\r\n\r\n";
+    const QByteArray trailer = "--end--";
+    CQPostFileHeaderUnit unit;
+    unsigned char* headBytes = new unsigned char[head.size()];
+    std::memcpy(headBytes, head.constData(), static_cast<size_t>(head.size()));
+    unit.SetHeaderData(headBytes, head.size());
+    unsigned char* trailerBytes = new unsigned char[trailer.size()];
+    std::memcpy(trailerBytes, trailer.constData(), static_cast<size_t>(trailer.size()));
+    unit.SetInfoData(trailerBytes, trailer.size());
+    unit.m_strFilePath = CQWString(dir.File(QStringLiteral("absent.bin")));
+
+    ASSERT_EQ(1, engine->DoSendFile(unit, false));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.received == head + trailer; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, DoSendFileRefusesAUnitWithoutHead)
+{
+    CQPostFileHeaderUnit unit;
+    EXPECT_EQ(0, engine->DoSendFile(unit, false));
+    unit.SetHeaderData(new unsigned char[1], 0);
+    EXPECT_EQ(0, engine->DoSendFile(unit, false));
+}
+
+struct SendRefusalRow
+{
+    const char* name;
+    bool nullData;
+    int length;
+};
+
+class DoSendRefusalTest : public SocketEngineTest, public ::testing::WithParamInterface<SendRefusalRow>
+{
+};
+
+TEST_P(DoSendRefusalTest, ReturnsZero)
+{
+    QByteArray data("GET / HTTP/1.1\r\n\r\n");
+    unsigned char* p = GetParam().nullData ? nullptr : Bytes(data);
+    EXPECT_EQ(0, engine->DoSend(p, GetParam().length, false));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+const SendRefusalRow KSendRefusalRows[] = {
+    {"null_data", true, 10},
+    {"length_0", false, 0},
+    {"length_minus_1", false, -1},
+};
+
+INSTANTIATE_TEST_SUITE_P(Refusals, DoSendRefusalTest, ::testing::ValuesIn(KSendRefusalRows),
+                         [](const ::testing::TestParamInfo<SendRefusalRow>& info) {
+                             return std::string(info.param.name);
+                         });
+
+TEST_F(SocketEngineTest, DoSendWithoutAConnectionIsRefused)
+{
+    QByteArray data("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(0, engine->DoSend(Bytes(data), data.size(), false));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(SocketEngineTest, SendAndReceiveWhileReceptionIsArmedAreBusy)
+{
+    EXPECT_EQ(1, engine->DoReceive());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    EXPECT_TRUE(engine->IsBusy());
+    EXPECT_EQ(-1, engine->DoReceive());
+    QByteArray data("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(-1, engine->DoSend(Bytes(data), data.size(), false));
+    CQSendDataUnit unit;
+    EXPECT_EQ(-1, engine->HandleSendData(&unit));
+}
+
+TEST_F(SocketEngineTest, EmptyUnitArmsReceptionAtOnce)
+{
+    CQSendDataUnit unit;
+    EXPECT_EQ(1, engine->HandleSendData(&unit));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    EXPECT_TRUE(engine->IsBusy());
+}
+
+TEST(SocketEngineNoObserverTest, SendAndHandOnRefuseWithoutObserver)
+{
+    std::unique_ptr<CQHttpSocketEngine> engine(CQHttpSocketEngine::NewL(nullptr, 0, 0));
+    ASSERT_NE(nullptr, engine);
+    CQSendDataUnit unit;
+    EXPECT_EQ(0, engine->HandleSendData(&unit));
+    EXPECT_EQ(0, engine->HandleRecvData());
+    engine->SetSocketEvent(32, 0);  // nobody to tell: nothing happens
+}
+
+TEST_F(SocketEngineTest, HandleSendDataRefusesANullUnit)
+{
+    EXPECT_EQ(0, engine->HandleSendData(nullptr));
+}
+
+TEST_F(SocketEngineTest, UnknownSendModeIsFatalDeathTest)
+{
+    EXPECT_DEATH(
+        {
+            Peer::SetSendMode(*engine, 7);
+            Peer::BytesWritten(*engine, 1);
+        },
+        "ASSERT: \"FALSE\" in file src/CQHttpSocketEngine");
+}
+
+// ---------------------------------------------------------------- receiving
+
+struct BurstRow
+{
+    const char* name;
+    int length;
+};
+
+class BurstTest : public SocketEngineTest, public ::testing::WithParamInterface<BurstRow>
+{
+};
+
+TEST_P(BurstTest, ReachesTheObserverIn1024BytePieces)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    const QByteArray burst = Pattern(GetParam().length, 1);
+    BufferUnarmed(server, burst);
+    EXPECT_TRUE(pieces.empty());  // not armed: nothing handed up
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined().size() == burst.size(); }, KDeadlineMs));
+    EXPECT_EQ(PiecesOf(GetParam().length), PieceSizes());
+    EXPECT_EQ(burst, Joined());
+    // Re-armed for more.
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    EXPECT_TRUE(engine->IsBusy());
+}
+
+const BurstRow KBurstRows[] = {
+    {"burst_1", 1},
+    {"burst_1023", 1023},
+    {"burst_1024", 1024},
+    {"burst_1025", 1025},
+    {"burst_2047", 2047},
+    {"burst_2048", 2048},
+    {"burst_2049", 2049},
+    // Past one read block of the engine: the pieces are those of one read.
+    {"burst_65536", 65536},
+    {"burst_66536", 66536},
+    {"burst_200000", 200000},
+};
+
+INSTANTIATE_TEST_SUITE_P(Bursts, BurstTest, ::testing::ValuesIn(KBurstRows),
+                         [](const ::testing::TestParamInfo<BurstRow>& info) { return std::string(info.param.name); });
+
+TEST_F(SocketEngineTest, Burst2048IsTwoPiecesOf1024)
+{
+    LoopbackServer server;
+    Connect(server);
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, 1024)).Times(2).WillRepeatedly(Return(1));
+    }
+    BufferUnarmed(server, Pattern(2048));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Socket().bytesAvailable() == 0 && engine->IsBusy(); }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, Burst1025Is1024Then1)
+{
+    LoopbackServer server;
+    Connect(server);
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, 1024)).WillOnce(Return(1));
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, 1)).WillOnce(Return(1));
+    }
+    BufferUnarmed(server, Pattern(1025));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Socket().bytesAvailable() == 0 && engine->IsBusy(); }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, ReceptionStaysArmedAcrossReads)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    ASSERT_EQ(1, engine->DoReceive());
+    const QByteArray first = Pattern(100, 2);
+    const QByteArray second = Pattern(200, 4);
+    server.Send(first);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined().size() == 100; }, KDeadlineMs));
+    server.Send(second);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined().size() == 300; }, KDeadlineMs));
+    EXPECT_EQ(std::vector<int>({100, 200}), PieceSizes());
+    EXPECT_EQ(first + second, Joined());
+}
+
+TEST_F(SocketEngineTest, RequestThenResponseArrivesAfterTheLastSlice)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    QByteArray request("GET / HTTP/1.1\r\nHost: x\r\n\r\n");
+    ASSERT_EQ(1, engine->DoSend(Bytes(request), request.size(), false));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.received == request; }, KDeadlineMs));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Status() == CQHttpSocketEngine::HSES_Receiving; }, KDeadlineMs));
+    const QByteArray response = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    server.Send(response);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined() == response; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, ZeroAnswerStopsTheReadDropsItsRestAndDoesNotReArm)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces(0);
+    const QByteArray burst = Pattern(3000);
+    BufferUnarmed(server, burst);
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !pieces.empty(); }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(std::vector<int>({1024}), PieceSizes());
+    EXPECT_EQ(0, Socket().bytesAvailable());  // the rest of that read is gone
+    EXPECT_FALSE(engine->IsBusy());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+
+    // Later bytes wait in the socket: reception is not armed.
+    server.Send(Pattern(10));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Socket().bytesAvailable() == 10; }, KDeadlineMs));
+    EXPECT_EQ(1u, pieces.size());
+}
+
+TEST_F(SocketEngineTest, ZeroAnswerOnALaterBlockStopsTheRestOfThatRead)
+{
+    LoopbackServer server;
+    Connect(server);
+    int calls = 0;
+    EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, _)).WillRepeatedly(Invoke([&](unsigned char*, int) {
+        ++calls;
+        return calls == 70 ? 0 : 1;  // a piece of the second read block
+    }));
+    BufferUnarmed(server, Pattern(100 * 1024));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return calls >= 70; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(70, calls);
+    EXPECT_EQ(0, Socket().bytesAvailable());
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(SocketEngineTest, CancelInsideAPieceStopsTheRead)
+{
+    LoopbackServer server;
+    Connect(server);
+    int calls = 0;
+    EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, _)).WillRepeatedly(Invoke([&](unsigned char*, int) {
+        ++calls;
+        engine->CancelEngine();
+        return 1;
+    }));
+    BufferUnarmed(server, Pattern(3000));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return calls > 0; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.disconnects == 1; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, RestartInsideAPieceStopsTheReadAndTheNewExchangeGoesOn)
+{
+    LoopbackServer first;
+    LoopbackServer second;
+    Connect(first);
+    int calls = 0;
+    EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, _)).WillRepeatedly(Invoke([&](unsigned char*, int) {
+        ++calls;
+        engine->CancelEngine();
+        SetName(*engine, "127.0.0.1");
+        engine->SetPort(second.Port());
+        EXPECT_EQ(1, engine->ConnectL());
+        return 1;
+    }));
+    BufferUnarmed(first, Pattern(3000));
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return Status() == CQHttpSocketEngine::HSES_Connected && second.connections == 1; }, KDeadlineMs));
+    EXPECT_EQ(1, calls);
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(SocketEngineTest, BytesThatCameBeforeArmingAreReadWhenArmed)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    const QByteArray early = Pattern(700, 6);
+    BufferUnarmed(server, early);
+    velatest::ProcessPendingEvents();
+    EXPECT_TRUE(pieces.empty());
+    ASSERT_EQ(1, engine->DoReceive());
+    EXPECT_TRUE(pieces.empty());  // handed up from the event loop, not inside DoReceive
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined() == early; }, KDeadlineMs));
+}
+
+// ---------------------------------------------------------------- closing
+
+TEST_F(SocketEngineTest, PeerCloseWhileReceivingEndsTheBody)
+{
+    LoopbackServer server;
+    Connect(server);
+    bool ended = false;
+    RecordPieces();
+    EXPECT_CALL(observer, OnSocketEngine_ReceivDataEnd()).WillOnce(Invoke([&] {
+        ended = true;
+        return 1;
+    }));
+    ASSERT_EQ(1, engine->DoReceive());
+    const QByteArray body = Pattern(1500, 8);
+    server.Send(body);
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return ended; }, KDeadlineMs));
+    EXPECT_EQ(body, Joined());
+    for (const QByteArray& piece : pieces)
+        EXPECT_LE(piece.size(), 1024);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(SocketEngineTest, PeerCloseHandsUpUnreadBytesBeforeTheEnd)
+{
+    LoopbackServer server;
+    Connect(server);
+    bool ended = false;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, 1024)).WillOnce(Return(1));
+        EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, 76)).WillOnce(Return(1));
+        EXPECT_CALL(observer, OnSocketEngine_ReceivDataEnd()).WillOnce(Invoke([&] {
+            ended = true;
+            return 1;
+        }));
+    }
+    BufferUnarmed(server, Pattern(1100));
+    // Armed, but the bytes already there raise no notification of their own:
+    // only the close brings them up.
+    Peer::ArmWithoutReading(*engine);
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return ended; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, PeerCloseWhileNotReceivingIsError34)
+{
+    LoopbackServer server;
+    Connect(server);
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(SocketEngineTest, PeerCloseAfterTheObserverStoppedIsError34)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces(0);
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    ASSERT_EQ(1, engine->DoReceive());
+    server.Send(Pattern(10));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !pieces.empty(); }, KDeadlineMs));
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_EQ(1u, pieces.size());
+}
+
+TEST_F(SocketEngineTest, ANewExchangeStartedInsideTheErrorReportConnects)
+{
+    LoopbackServer first;
+    LoopbackServer second;
+    Connect(first);
+    bool reconnected = false;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) {
+            engine->CancelEngine();
+            SetName(*engine, "127.0.0.1");
+            engine->SetPort(second.Port());
+            EXPECT_EQ(1, engine->ConnectL());
+        }));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0)).WillOnce(Invoke([&](int, int) {
+            reconnected = true;
+        }));
+    }
+    first.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return reconnected && second.connections == 1; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, SetSocketErrorEvent40ClosesAndReportsNothing)
+{
+    LoopbackServer server;
+    Connect(server);
+    engine->OnSetSocketErrorEvent(40, 9);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(QAbstractSocket::UnconnectedState, Socket().state());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.disconnects == 1; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+}
+
+struct ErrorEventRow
+{
+    const char* name;
+    int code;
+    bool passedOn;
+};
+
+class SetSocketErrorEventTest : public SocketEngineTest, public ::testing::WithParamInterface<ErrorEventRow>
+{
+};
+
+TEST_P(SetSocketErrorEventTest, ClosesAndPassesOnOnlyItsCodes)
+{
+    LoopbackServer server;
+    Connect(server);
+    if (GetParam().passedOn)
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(GetParam().code, 77));
+    engine->OnSetSocketErrorEvent(GetParam().code, 77);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.disconnects == 1; }, KDeadlineMs));
+}
+
+const ErrorEventRow KErrorEventRows[] = {
+    {"code_34_dropped", 34, false}, {"code_35_passed", 35, true},  {"code_36_dropped", 36, false},
+    {"code_40_dropped", 40, false}, {"code_47_dropped", 47, false}, {"code_48_passed", 48, true},
+    {"code_49_passed", 49, true},   {"code_50_passed", 50, true},  {"code_51_dropped", 51, false},
+    {"code_0_dropped", 0, false},   {"code_minus_1_dropped", -1, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Codes, SetSocketErrorEventTest, ::testing::ValuesIn(KErrorEventRows),
+                         [](const ::testing::TestParamInfo<ErrorEventRow>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// ---------------------------------------------------------------- cancelling
+
+TEST_F(SocketEngineTest, CancelWhileConnectingAbortsAndReportsNothing)
+{
+    LoopbackServer server;
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    engine->SetSecure(false);
+    ASSERT_EQ(1, engine->ConnectL());
+    engine->CancelEngine();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(QAbstractSocket::UnconnectedState, Socket().state());
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketEngineTest, CancelResetsTheLookupCounterAndIdles)
+{
+    SetName(*engine, "no-such-host.invalid");
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+    ASSERT_EQ(1, engine->ConnectL());
+    EXPECT_EQ(1, Peer::DnsCount(*engine));
+    engine->DoCancel();
+    EXPECT_EQ(0, Peer::DnsCount(*engine));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    // The cancelled lookup reports nothing, even once it has failed.
+    bool lookedUp = false;
+    QHostInfo::lookupHost(QStringLiteral("no-such-host.invalid"), engine.get(), [&](const QHostInfo&) { lookedUp = true; });
+    ASSERT_TRUE(velatest::SpinUntil([&] { return lookedUp; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketEngineTest, DestroyingAnEngineDuringALookupReportsNothing)
+{
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+    SetName(*engine, "localhost");
+    engine->SetPort(80);
+    ASSERT_EQ(1, engine->ConnectL());
+    engine.reset();
+    QObject context;
+    bool lookedUp = false;
+    QHostInfo::lookupHost(QStringLiteral("localhost"), &context, [&](const QHostInfo&) { lookedUp = true; });
+    ASSERT_TRUE(velatest::SpinUntil([&] { return lookedUp; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketEngineTest, DestroyingAnArmedEngineReportsNothing)
+{
+    LoopbackServer server;
+    Connect(server);
+    ASSERT_EQ(1, engine->DoReceive());
+    server.Send(Pattern(10));
+    engine.reset();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.disconnects == 1; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketEngineTest, ChangeEngineStatusSetsTheStatus)
+{
+    engine->ChangeEngineStatus(CQHttpSocketEngine::HSES_Resolved);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Resolved, Status());
+    engine->DisConnect();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(SocketEngineTest, PlatformCallsDoNothing)
+{
+    EXPECT_EQ(0, engine->RunError(-5));
+    engine->OnSelectIapObserver_NotifyStatus(true, 3);
+    engine->OnIapTransferBlocked();
+    engine->OnIapTransferOpen();
+    engine->StartTimer(100);
+    engine->StopTimer();
+    engine->CloseIap();
+    engine->ChangeStateL(QByteArray("x"));
+    engine->SetIapEngine(nullptr);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+// ---------------------------------------------------------------- reply timer
+
+struct CountingTimerObserver : public CQTimerObserver
+{
+    void OnTimerExpired(CQTimer*) override { ++count; }
+    int count = 0;
+};
+
+TEST_F(SocketEngineTest, ReplyTimerRepeatsUntilStoppedAndIsReleased)
+{
+    CountingTimerObserver timerObserver;
+    engine->StartOLFileRecvTimer(&timerObserver, 5);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return timerObserver.count >= 2; }, KDeadlineMs));
+    engine->StopOLFileRecvTimer();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->findChildren<CQTimer*>().isEmpty(); }, KDeadlineMs));
+    // Stopping again is harmless.
+    engine->DoStopOLFileTimer();
+}
+
+TEST_F(SocketEngineTest, StartingTheReplyTimerAgainReplacesTheRunningOne)
+{
+    CountingTimerObserver first;
+    CountingTimerObserver second;
+    engine->StartOLFileRecvTimer(&first, 60000);
+    engine->StartOLFileRecvTimer(&second, 5);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->findChildren<CQTimer*>().size() == 1; }, KDeadlineMs));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return second.count >= 1; }, KDeadlineMs));
+    EXPECT_EQ(0, first.count);
+    engine->DoStopOLFileTimer();
+}
+
+}  // namespace
