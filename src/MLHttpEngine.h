@@ -1,0 +1,300 @@
+#ifndef VELANET_MLHTTPENGINE_H
+#define VELANET_MLHTTPENGINE_H
+
+// CMLHttpEngine carries one HTTP request at a time, from the caller's call
+// to the end of the response. It owns one CQHttpSocketEngine (lookup,
+// connection, raw bytes) and observes it; it builds the request with
+// CHttpData, parses the response head, reads the body (by length, chunked
+// or until the connection closes, gunzipping where the head says gzip),
+// follows redirects itself, asks an HTTP gateway for the address of a host
+// that does not resolve, and reports everything through one MHttpObserver.
+//
+// Engine state (m_enCurHES):
+//   0 idle --ConnectServer--> 1 caller's request
+//   1 --event 36--> 2 gateway lookup --reply complete--> 1 (request retried)
+//   2 --event 36 / gateway status not 2xx--> 0;  any --ReceivDataEnd--> 0
+//
+// Receive mode (m_enHttpRecvDataMode), chosen from the head's framing:
+//   10 by Content-Length, 11 chunked, 12 until the connection closes.
+//
+// Reports are synchronous and the observer may start the next request on
+// this engine from inside a report; a generation counter, bumped by every
+// Reset, tells a reader loop that its request is gone.
+
+#include "BaseClass/src/CMLDataBuf.h"
+#include "BaseClass/src/CQFile.h"
+#include "BaseClass/src/CQString.h"
+#include "src/CQHttpSocketEngine.h"
+#include "src/GzipUtil.h"
+#include "src/HttpData.h"
+#include "src/HttpObserver.h"
+#include "src/RequestHeaderUnit.h"
+
+#include <memory>
+
+class CIAPConnectEngine;
+class CQTimerObserver;
+class QCookieHolder;
+
+class CMLHttpEngine : public MSocketEngineObserver
+{
+public:
+    // Engine state, see the file comment.
+    enum enHttpEngineState : int
+    {
+        HES_Idle = 0,         // no exchange has chosen its target; ConnectServer moves to 1
+        HES_HttpRequest = 1,  // the caller's request is under way; event 36 moves to 2
+        HES_DNSRequest = 2,   // the gateway is asked for the host; reply end to 1, failure to 0
+    };
+
+    // Body reader, chosen from the head's framing.
+    enum enHttpRecvDataMode : int
+    {
+        HRDM_Length = 10,  // Content-Length given: counted, completion tested after each piece
+        HRDM_Chunk = 11,   // chunked: the zero-size chunk ends the body
+        HRDM_Stream = 12,  // neither: the connection closing ends the body
+    };
+
+    // Request kinds (the codes CHttpData::GetMethodData takes for 17 and 18).
+    enum
+    {
+        KKindNone = 16,
+        KKindGet = 17,
+        KKindPost = 18,
+        KKindPostFile = 19,
+        KKindPostOLFile = 20,
+    };
+
+    // Socket events: raised by the socket engine, by an owner, or by the
+    // engine itself. Events below KEventFirstHandled or above
+    // KEventLastHandled are dropped.
+    enum
+    {
+        KEventFirstHandled = 16,
+        KEventProgress16 = 16,      // passed on as a net event
+        KEventFailure17 = 17,       // a failure: net error
+        KEventFailure18 = 18,       // a failure: net error
+        KEventProgress20 = 20,      // passed on as a net event
+        KEventConnected = 32,       // send the request, then a net event
+        KEventFailure33 = 33,       // a failure: net error
+        KEventSocketError = 34,     // connect refused, reset, time-out, remote close
+        KEventPassedOn35 = 35,      // a failure passed through the socket engine
+        KEventHostNotResolvable = 36,
+        KEventResolved = 37,        // passed on as a net event
+        KEventLookupStarted = 38,   // passed on as a net event
+        KEventDecompressFailed = 48,  // also a failure passed through the socket engine
+        KEventPassedOn49 = 49,
+        KEventPassedOn50 = 50,
+        KEventRecvBufferFull = 64,  // the response head does not fit the receive buffer
+        KEventLastHandled = 64,
+        KEventFileLengthInvalid = 80,  // outside the handled range: dropped on purpose
+        KEventFilePathEmpty = 81,      // outside the handled range: dropped on purpose
+    };
+
+    // The head's content length once the body is chunked or ends with the
+    // connection (a mark, not a length).
+    static constexpr int KUnframedContentLength = 100;
+
+    // Results of the receive and send steps (go on / stop) and of the
+    // other calls (done / refused).
+    enum
+    {
+        KStop = 0,
+        KGoOn = 1,
+        KRefused = 0,
+        KDone = 1,
+    };
+
+    // Status of the socket engine when it is idle.
+    static constexpr int KSocketIdle = CQHttpSocketEngine::HSES_Idle;
+    // GetHttpSocketCurrentStatus without a socket engine.
+    static constexpr int KNoSocketEngine = -1;
+
+    // Request ids whose redirects are reported but not followed.
+    static constexpr int KIdCurrentPage = static_cast<int>(0xF0000000u);
+    static constexpr int KIdPrefetch = static_cast<int>(0xE0000000u);
+
+    // Buffer sizes.
+    static constexpr int KRecvBufferSize = 10240;       // response head (and a chunk-size line)
+    static constexpr int KDecompressBufferSize = 1024;  // one decompressed piece
+    static constexpr int KSocketSliceSize = 1024;       // given to the socket engine
+
+    // Status ranges of the head decisions.
+    static constexpr int KFirstAccepted = 200;
+    static constexpr int KLastAccepted = 206;
+    static constexpr int KFirstRedirect = 300;
+    static constexpr int KLastRedirect = 307;
+
+    // The gateway base URL until SetDNSGatewayURL changes it.
+    static constexpr char KDefaultDNSGatewayURL[] = "http://127.0.0.1:8053/";
+
+    // ---- construction
+    // NewLC and NewL: constructor, then Construct. NewL(notifier) also
+    // creates the engine's own adapter over notifier and reports through it.
+    static CMLHttpEngine* NewL();
+    static CMLHttpEngine* NewLC();
+    static CMLHttpEngine* NewL(MHttpNotifier* notifier);
+    // An engine without a socket engine until Construct runs: every request
+    // returns 0 and every socket event is ignored then.
+    CMLHttpEngine();
+    // Creates the socket engine (fatal assertion when that fails) and the
+    // two buffers; back to the initial counters and states.
+    void Construct();
+    ~CMLHttpEngine() override;
+
+    // ---- MSocketEngineObserver
+    void OnSocketEngine_SocketEvent(int event, int param) override;
+    int OnSocketEngine_ReceiveData(unsigned char* data, int len) override;
+    int OnSocketEngine_SendData(unsigned char* data, int len) override;
+    int OnSocketEngine_ReceivDataEnd() override;
+    unsigned char* OnSocketEngine_GetMoreSendData(int offset, int& len) override;
+
+    // ---- requests: nonzero when the connection attempt was started
+    // recvFile: write the body there as well (null: memory only); offset:
+    // the resume offset of a range request, -1 for the whole resource.
+    int DoGet(const char* url, const CQWString* recvFile, int offset);
+    // A range request from byte 0, always; 1 or 0.
+    int DoGet(const CQSString& url, const CQWString& recvFile);
+    int DoPost(const char* url, const CQWString* recvFile, unsigned char* body, int len);
+    int DoPost(const char* url, const CQWString& recvFile, unsigned char* body, int len);
+    // Multipart upload of filePath; data/len are the form fields
+    // ("k=v&k2=v2"), fieldName the form name of the file part.
+    int DoPostFile(const char* url, const CQWString* recvFile, unsigned char* data, int len,
+                   const CQWString& filePath, const CQWString& fieldName);
+    // Resumable upload of filePath to host (may carry ":port") with key.
+    int DoPostOLFile(const char* host, char* key, int keyLen, const CQWString& filePath, unsigned int blockSize);
+
+    // The argument is not used: the target follows from the state.
+    int ConnectServer(const char* url);
+    // Disconnects and clears the per-response state; deleteFile also
+    // deletes a receive file of this request.
+    void Reset(bool deleteFile);
+    // Reset(true); 1.
+    int CancelRequest();
+    bool IsIdle() const;
+    int GetHttpSocketCurrentStatus() const;
+
+    // ---- configuration
+    void SetIap(CIAPConnectEngine* iap);
+    // Accepted and ignored (the pool's priority values).
+    void SetPriority(int priority);
+    void SetUserAgent(CQSString& userAgent, CQSString& vua, CQSString& extra);
+    void SetCookieHold(QCookieHolder* holder);
+    void DisableCookie();
+    int DoClearSendInfo();
+    void DoStopOLFileTimer();
+    void SetOLFileTimerObserver(CQTimerObserver* observer);
+    // The traffic hook: does nothing.
+    void ReportFlux(int length, int second);
+
+    // The id carried by every report of the next requests.
+    void SetRequestID(int id) { m_nRequestID = id; }
+    int GetRequestID() const { return m_nRequestID; }
+    // Who hears the reports (not owned; null: nothing is reported).
+    void SetObserver(MHttpObserver* observer) { m_pObserver = observer; }
+    MHttpObserver* GetObserver() const { return m_pObserver; }
+
+    // Base URL of the DNS gateway ("http://" address ":" port "/"); the
+    // host name is appended to it. Null is ignored.
+    static void SetDNSGatewayURL(const char* url);
+    static const CQSString& GetDNSGatewayURL();
+
+    // ---- steps of an exchange, public for the owner and for tests
+    void SendMsg_Get();
+    void SendMsg_Post();
+    void SendMsg_PostFile();
+    void SendMsg_PostOLFile();
+    int OnReceivChunkData();
+    int OnReceivStreamData(unsigned char* data, int len);
+    int DecompressAndNotify(unsigned char* data, int len);
+    int DoFilterDecompress(unsigned char* in, int& inLen, unsigned char* out, int& outLen);
+    int OpenFile2Recv();
+    int SaveRecvData(unsigned char* data, int len);
+    void StartGetDNSThroughProxy();
+    void ParseDNSPDUAndStore(unsigned char* data, int len);
+
+    // ---- read access for the owner and for tests
+    CQHttpSocketEngine* GetSocketEngine() const { return m_pSocketEngine; }
+    enHttpEngineState GetState() const { return m_enCurHES; }
+    enHttpRecvDataMode GetRecvDataMode() const { return m_enHttpRecvDataMode; }
+    int GetCurMethod() const { return m_nCurKind; }
+    int GetRequestedMethod() const { return m_nRequestedKind; }
+    CQSString& GetCurPostData() { return m_strCurPostData; }
+    const CHttpData& GetRequestData() const { return m_RequestData; }
+    const CHttpData& GetDNSRequestData() const { return m_DNSRequestData; }
+    const CHttpResponseHead& GetResponseHead() const { return m_ResponseHead; }
+    const CQRequestHeaderUnit& GetRequestHeaderUnit() const { return m_RequestHeaderUnit; }
+    const CQPostFileHeaderUnit& GetPostFileHeaderUnit() const { return m_PostFileHeaderUnit; }
+    const CQPostOLFileHeaderUnit& GetPostOLFileHeaderUnit() const { return m_OLFileHeaderUnit; }
+    bool IsHeadReceived() const { return m_bHeadReceived; }
+    int GetBytesReceived() const { return m_nRecvBytes; }
+    int GetDataCallCount() const { return m_nDataCallCount; }
+    int GetChunkRemainder() const { return m_nChunkRemain; }
+    bool IsRecvToFile() const { return m_bRecvToFile; }
+    const CQWString& GetRecvFilePath() const { return m_strRecvFilePath; }
+    int GetFilterState() const { return m_nFilterState; }
+    int GetMultipartFlag() const { return m_nMultipart; }
+    bool IsGatewayTried() const { return m_bGatewayTried; }
+
+private:
+    CMLHttpEngine(const CMLHttpEngine&) = delete;
+    CMLHttpEngine& operator=(const CMLHttpEngine&) = delete;
+
+    // Receive-file path from recvFile (null: none), as every request sets it.
+    void SetRecvFile(const CQWString* recvFile);
+    // What every request start does before storing its own fields.
+    void BeginRequest(int kind);
+    // Head decisions once the head is parsed; KGoOn: read the body.
+    [[nodiscard]] int HandleResponseStatus();
+    // A 3xx: report the location and follow it on this engine.
+    void FollowRedirect();
+    // Content-Length body: one piece (mode 10).
+    [[nodiscard]] int OnReceivLengthData(unsigned char* data, int len);
+    // Content-Length reached: finish the request or retry after the gateway.
+    [[nodiscard]] int CompleteLengthBody();
+    // Chunk and stream readers: n body bytes at p to file and observer.
+    [[nodiscard]] int DeliverBody(unsigned char* p, int n, int callCount);
+    // ResponseData report; a 0 answer stops the request quietly.
+    [[nodiscard]] int ReportResponseData(unsigned char* p, int n, int count);
+    // A report changed the request under way (new exchange, cancel).
+    [[nodiscard]] bool RequestGone(unsigned int generation) const { return generation != m_nGeneration; }
+
+    // Event handlers of OnSocketEngine_SocketEvent.
+    void OnConnected();
+    void OnHostNotResolvable();
+
+    CQHttpSocketEngine* m_pSocketEngine = nullptr;  // owned
+    MHttpObserver* m_pObserver = nullptr;           // not owned through this field
+    VelaHttpEngineAdapter* m_pAdapter = nullptr;    // owned
+    int m_nRequestID = 0;
+    int m_nMultipart = 0;
+    CHttpData m_RequestData;
+    CHttpData m_DNSRequestData;
+    CHttpResponseHead m_ResponseHead;
+    int m_nRequestedKind = KKindNone;
+    int m_nCurKind = KKindNone;
+    std::unique_ptr<CMLDataBuf> m_pRecvBuf;
+    std::unique_ptr<CMLDataBuf> m_pDecompressBuf;
+    bool m_bHeadReceived = false;
+    int m_nRecvBytes = 0;
+    int m_nDataCallCount = 0;
+    int m_nChunkRemain = 0;
+    CQSString m_strCurPostData;
+    enHttpEngineState m_enCurHES = HES_Idle;
+    enHttpRecvDataMode m_enHttpRecvDataMode = HRDM_Length;
+    CQPostOLFileHeaderUnit m_OLFileHeaderUnit;
+    CQPostFileHeaderUnit m_PostFileHeaderUnit;
+    CQRequestHeaderUnit m_RequestHeaderUnit;
+    CQFile m_RecvFile;
+    bool m_bRecvToFile = false;
+    CQWString m_strRecvFilePath;
+    TGzipUtil m_GzipUtil;
+    int m_nFilterState = 0;
+    // The gateway was asked once for this request: another event 36 ends it.
+    bool m_bGatewayTried = false;
+    // Bumped by every Reset: a reader that sees it change after a report
+    // leaves the engine alone.
+    unsigned int m_nGeneration = 0;
+};
+
+#endif
