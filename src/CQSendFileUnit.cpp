@@ -144,7 +144,7 @@ void CQSendFileUnit::SetInfoData(unsigned char* data, int length, bool)
 {
     // A null trailer counts as none, so no slice can point into nothing.
     m_pInfoData = data;
-    m_nInfoDataLen = (data && length > 0) ? length : 0;
+    m_nInfoDataLen = data ? length : 0;
     m_nInfoDataSent = 0;
 }
 

@@ -99,8 +99,9 @@ public:
     // length cannot be read); otherwise rewinds it, records its length,
     // replaces the read buffer by one of blockSize bytes and returns KOpened.
     int SetFile(const CQWString& path, int blockSize);
-    // The trailer (not owned, never freed here); the flag is ignored.
-    void SetInfoData(unsigned char* data, int length, bool flag);
+    // The trailer (not owned, never freed here); the flag is ignored. A
+    // null trailer counts as none (length 0).
+    void SetInfoData(unsigned char* data, int length, bool flag = false);
 
     // Reads up to length bytes of the file at the read position straight
     // into buffer and counts them into fileRead. Returns the count (0 at the

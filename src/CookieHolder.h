@@ -94,8 +94,8 @@ public:
     // A new table (the caller deletes it) of copies of the unexpired
     // cookies for host and its parent domains, most specific first, keyed by
     // name; a name already taken by a more specific domain is skipped. Null
-    // for an empty host. The bool has no effect.
-    CQHashTable<QCookieValue>* GetCookie(const CQSString& host, bool);
+    // for an empty host. The bool has no effect (callers pass true).
+    CQHashTable<QCookieValue>* GetCookie(const CQSString& host, bool = true);
 
     // Writes the file of every modified domain with a non-empty name; the
     // flags stay set. Nothing is saved on destruction.

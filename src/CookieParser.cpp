@@ -177,11 +177,7 @@ void EndTokenAt(char* p, char** cursor)
 
 }  // namespace
 
-CookieParser::CookieParser()
-{
-    for (int i = 0; i < KMonthCount; ++i)
-        std::memcpy(m_aMonths[i], KMonthNames[i], sizeof m_aMonths[i]);
-}
+CookieParser::CookieParser() = default;
 
 CookieParser::~CookieParser() = default;
 
@@ -256,7 +252,7 @@ char* CookieParser::HTParseNextParam(char** cursor)
     return start;
 }
 
-int CookieParser::HTMake_month(const char* text, const char** end) const
+int CookieParser::HTMake_month(const char* text, const char** end)
 {
     if (end != nullptr)
         *end = text;
@@ -282,7 +278,7 @@ int CookieParser::HTMake_month(const char* text, const char** end) const
         int i = 0;
         while (i < KMonthNameLength && p[i] != '\0' &&
                std::toupper(static_cast<unsigned char>(p[i])) ==
-                   std::toupper(static_cast<unsigned char>(m_aMonths[month][i])))
+                   std::toupper(static_cast<unsigned char>(KMonthNames[month][i])))
             ++i;
         if (i == KMonthNameLength)
             return month;
@@ -291,16 +287,21 @@ int CookieParser::HTMake_month(const char* text, const char** end) const
     return KJanuary;
 }
 
-int CookieParser::HTMake_month(char* text, char** end) const
+int CookieParser::HTMake_month(const char* text, char** end)
 {
     const char* after = nullptr;
-    const int month = HTMake_month(static_cast<const char*>(text), &after);
+    const int month = HTMake_month(text, &after);
     if (end != nullptr)
         *end = const_cast<char*>(after);
     return month;
 }
 
-unsigned int CookieParser::HTParseTime(const char* text) const
+int CookieParser::HTMake_month(const char* text, std::nullptr_t)
+{
+    return HTMake_month(text, static_cast<const char**>(nullptr));
+}
+
+unsigned int CookieParser::HTParseTime(const char* text)
 {
     if (text == nullptr || *text == '\0')
         return KNotAccepted;
@@ -362,7 +363,7 @@ unsigned int CookieParser::HTParseTime(const char* text) const
     return TimeValue(year, month, day, hour, minute, second);
 }
 
-const char* CookieParser::HTFindFullHost(const char* text, int& length)
+char* CookieParser::HTFindFullHost(const char* text, int& length)
 {
     length = 0;
     if (text == nullptr)
@@ -378,21 +379,18 @@ const char* CookieParser::HTFindFullHost(const char* text, int& length)
     else
         host = (*text == '.') ? text + 1 : text;
 
+    // The answer points into the caller's text, as writable as that text.
+    char* const result = const_cast<char*>(host);
     const char* slash = std::strchr(host, '/');
     if (slash == nullptr)
-        return host;
+        return result;
     const char* colon = std::strchr(host, ':');
     const char* end = (colon != nullptr && colon < slash) ? colon : slash;
     length = static_cast<int>(end - host);
-    return host;
+    return result;
 }
 
-char* CookieParser::HTFindFullHost(char* text, int& length)
-{
-    return const_cast<char*>(HTFindFullHost(static_cast<const char*>(text), length));
-}
-
-const char* CookieParser::HTFindFatherHost(const char* text, int& length)
+char* CookieParser::HTFindFatherHost(const char* text, int& length)
 {
     length = 0;
     if (text == nullptr)
@@ -421,12 +419,8 @@ const char* CookieParser::HTFindFatherHost(const char* text, int& length)
     length = parentLength < INT_MIN ? INT_MIN : static_cast<int>(parentLength);
     if (parentLength <= 0)
         return nullptr;
-    return parent;
-}
-
-char* CookieParser::HTFindFatherHost(char* text, int& length)
-{
-    return const_cast<char*>(HTFindFatherHost(static_cast<const char*>(text), length));
+    // The answer points into the caller's text, as writable as that text.
+    return const_cast<char*>(parent);
 }
 
 int CookieParser::strcasecomp(const char* a, const char* b)

@@ -22,6 +22,8 @@
 // years from 1970: M*2592000 + D*86400 + h*3600 + m*60 + s + (Y-1970)*31536000,
 // computed as unsigned 32-bit. No leap days, no time zone.
 
+#include <cstddef>
+
 class CookieParser
 {
 public:
@@ -49,27 +51,32 @@ public:
     //   "YYYY-MM-DDThh:mm:ss..." (21 characters at least; month used as written)
     //   digits without "T": the leading number itself, taken as it stands
     //   (strtol, converted to unsigned 32-bit).
-    unsigned int HTParseTime(const char* text) const;
+    // Static, so that it can be called with or without a parser object.
+    static unsigned int HTParseTime(const char* text);
 
     // Index 0..11 of the first month name found at or after the first letter
     // of text; 0 (January) for an unknown name, no letter or null text.
     // end receives the position four characters after the first letter (but
-    // never past the terminating NUL).
-    int HTMake_month(const char* text, const char** end) const;
-    int HTMake_month(char* text, char** end) const;
+    // never past the terminating NUL); a null end is allowed.
+    static int HTMake_month(const char* text, const char** end);
+    static int HTMake_month(const char* text, char** end);
+    static int HTMake_month(const char* text, std::nullptr_t end);
+
+    // The two host finders answer a pointer into the text they were given.
+    // Like strchr they take any text (a literal, a writable buffer, a null
+    // pointer) and answer a writable pointer, which is only as writable as
+    // that text.
 
     // Start of the host in a URL, host name or domain ("//" skipped, one
     // leading "." skipped when there is no "//"). length is the host's length
     // up to ":" or "/"; without any "/" it stays the whole text's length.
     // Null for null or empty text.
-    static const char* HTFindFullHost(const char* text, int& length);
-    static char* HTFindFullHost(char* text, int& length);
+    static char* HTFindFullHost(const char* text, int& length);
 
     // The parent domain of a host (or the host of a URL), inside the same
     // text, and its length: "mail.shop.org" gives "shop.org" (8). Null when
     // there is none.
-    static const char* HTFindFatherHost(const char* text, int& length);
-    static char* HTFindFatherHost(char* text, int& length);
+    static char* HTFindFatherHost(const char* text, int& length);
 
     // 0 when equal ignoring ASCII letter case; otherwise the difference of
     // the first unequal upper-cased pair, 1 when only a is longer, -1 when
@@ -78,9 +85,6 @@ public:
 
     // The current local time as a time value, with the month counted 1..12.
     static unsigned int GetCurrentTimeToInt();
-
-private:
-    char m_aMonths[KMonthCount][4];  // "Jan" .. "Dec"
 };
 
 #endif

@@ -73,13 +73,34 @@ public:
     // the fixed part has been read and no optional field is still pending.
     // inbufLen 0 is a programming error (fatal assertion); a negative length
     // or a null inbuf is read as no bytes. Never reads past inbufLen.
-    [[nodiscard]] int ReadMore(const char* inbuf, int inbufLen, const char** bodyStart);
+    int ReadMore(const char* inbuf, int inbufLen, const char** bodyStart);
+    // The same over other byte pointer types; *bodyStart is of the input's type.
+    int ReadMore(char* inbuf, int inbufLen, char** bodyStart) { return ReadMoreAs(inbuf, inbufLen, bodyStart); }
+    int ReadMore(unsigned char* inbuf, int inbufLen, unsigned char** bodyStart)
+    {
+        return ReadMoreAs(inbuf, inbufLen, bodyStart);
+    }
+    int ReadMore(const unsigned char* inbuf, int inbufLen, const unsigned char** bodyStart)
+    {
+        return ReadMoreAs(inbuf, inbufLen, bodyStart);
+    }
 
     TGzipHeaderState m_enState = GHS_Id1;
     std::uint16_t m_nFlags = 0;      // FLG & KFlagsKept, bits cleared as their fields are passed
     std::uint16_t m_nExtraLeft = 0;  // bytes of the extra field still to skip
 
 private:
+    template <class Byte>
+    int ReadMoreAs(Byte* inbuf, int inbufLen, Byte** bodyStart)
+    {
+        const char* const start = reinterpret_cast<const char*>(inbuf);
+        const char* body = nullptr;
+        const int result = ReadMore(start, inbufLen, &body);
+        if (result == KHeaderComplete && bodyStart)
+            *bodyStart = inbuf + (body - start);
+        return result;
+    }
+
     // Moves p past the next zero byte before end and returns true, or to end
     // and returns false when there is none yet.
     [[nodiscard]] static bool SkipThroughZero(const unsigned char*& p, const unsigned char* end);

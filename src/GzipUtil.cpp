@@ -41,6 +41,11 @@ TGzipUtil::TGzipUtil(FilterMode encodeMode, FilterMode decodeMode)
     std::memset(&iDecodeStream, 0, sizeof iDecodeStream);
 }
 
+TGzipUtil::TGzipUtil(int encodeMode, int decodeMode)
+    : TGzipUtil(static_cast<FilterMode>(encodeMode), static_cast<FilterMode>(decodeMode))
+{
+}
+
 TGzipUtil::~TGzipUtil()
 {
     ResetFilter();

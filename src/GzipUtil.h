@@ -80,6 +80,8 @@ public:
 
     // Stores the modes; nothing is initialised yet.
     TGzipUtil(FilterMode encodeMode, FilterMode decodeMode);
+    // The same with the modes as plain numbers (1 gzip, 2 deflate).
+    TGzipUtil(int encodeMode, int decodeMode);
     ~TGzipUtil();
 
     // ---- decoding
@@ -87,6 +89,7 @@ public:
     // stores the mode, clears the per-stream counters and flags and starts a
     // new decoder (InitDecoding).
     int SetDecodeMode(FilterMode mode);
+    int SetDecodeMode(int mode) { return SetDecodeMode(static_cast<FilterMode>(mode)); }
     // Only from DS_NotStarted (else KFailed): a fresh zlib stream for the
     // mode (raw deflate for FM_Gzip, zlib wrapper for FM_Deflate); KFailed
     // for another mode or a zlib failure, otherwise ready and in progress.
@@ -94,7 +97,7 @@ public:
     // Decodes the next piece; see the file comment for the results. On
     // return inLen holds the input not consumed (at the end of in) and
     // outLen the bytes written to out (0 with FR_Error).
-    [[nodiscard]] int Decompress(char* in, int& inLen, char* out, int& outLen);
+    int Decompress(char* in, int& inLen, char* out, int& outLen);
     // Ends the current body: back to DS_NotStarted (SetDecodeMode must be
     // called again); the zlib stream is released. No effect in DS_NotStarted.
     void ResetFilter();
@@ -104,24 +107,25 @@ public:
     // inLen now address the body bytes after it. FR_NeedInput: all input
     // used (in null, inLen 0). FR_Error: invalid header, or no input.
     // Must only be called while the header is in progress (fatal assertion).
-    [[nodiscard]] int CheckGZipHeader(char*& in, int& inLen);
+    int CheckGZipHeader(char*& in, int& inLen);
     // One zlib inflate over the piece, no flush; at the stream end the
     // trailer bytes that follow are skipped. On FR_Error inLen is unchanged
     // and outLen is 0. An empty piece at a non-null address goes to zlib,
     // which cannot progress on it: FR_Error.
-    [[nodiscard]] int DoInflate(char* in, int& inLen, char* out, int& outLen);
+    int DoInflate(char* in, int& inLen, char* out, int& outLen);
     // Takes up to the rest of the 8 trailer bytes off len; the bytes
     // themselves are never looked at.
     void SkipGZipFooter(const char* buf, int& len);
     // Once per stream: restarts zlib and feeds it the zlib header 78 01, so
     // that raw deflate data can follow. KDone when zlib took the header.
-    [[nodiscard]] int InsertZlibHeader();
+    int InsertZlibHeader();
 
     // ---- encoding
     // Same mode: KDone without any change, even when no encoder was started
     // yet (kept on purpose; a new filter then needs InitEncoding).
     // Otherwise stores the mode and returns InitEncoding().
     int SetEncodeMode(FilterMode mode);
+    int SetEncodeMode(int mode) { return SetEncodeMode(static_cast<FilterMode>(mode)); }
     // A fresh deflate stream: raw deflate for FM_Gzip (CompressAll writes
     // the gzip framing itself), the zlib wrapper otherwise. KDone or KFailed.
     int InitEncoding();
@@ -131,7 +135,7 @@ public:
     // (except when the gzip trailer has no room), so one InitEncoding serves
     // one CompressAll; a second call fails until InitEncoding runs again
     // (kept on purpose).
-    [[nodiscard]] int CompressAll(const char* in, int inLen, char* out, int& outLen);
+    int CompressAll(const char* in, int inLen, char* out, int& outLen);
 
 private:
     TGzipUtil(const TGzipUtil&) = delete;

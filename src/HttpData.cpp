@@ -373,10 +373,15 @@ int CHttpData::CopyHttpHeader_Method(enHttpMethod method, bool absoluteTarget, u
     return w.Count();
 }
 
+int CHttpData::CopyHttpHeader_Method(int method, bool absoluteTarget, unsigned char* out)
+{
+    return CopyHttpHeader_Method(static_cast<enHttpMethod>(method), absoluteTarget, out);
+}
+
 // ---------------------------------------------------------------- builders
 
 unsigned char* CHttpData::GetMethodData(int method, int& len, int encodingMode, int absoluteTarget, int multipart,
-                                        int bodyLen, unsigned char* body, bool withIdVersion,
+                                        int bodyLen, const unsigned char* body, bool withIdVersion,
                                         unsigned int idVersion)
 {
     if (m_strURL.IsEmpty())
@@ -473,7 +478,7 @@ unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absolute
     return SizeThenWrite(writeHead, len);
 }
 
-unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen, unsigned char* body,
+unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen, const unsigned char* body,
                                         bool absoluteTarget, bool multipart, bool withIdVersion,
                                         unsigned int idVersion)
 {
@@ -680,6 +685,12 @@ CHttpResponseHead::CHttpResponseHead()
     Reset();
 }
 
+CHttpResponseHead::CHttpResponseHead(const CHttpResponseHead& other)
+{
+    Reset();
+    *this = other;
+}
+
 CHttpResponseHead::~CHttpResponseHead()
 {
     DeleteCookieLines();
@@ -764,7 +775,7 @@ CHttpResponseHead& CHttpResponseHead::operator=(const CHttpResponseHead& other)
 
 // ---------------------------------------------------------------- head
 
-int CHttpData::GetResponseHead(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetResponseHead(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     if (!ValidBuffer(buf, len))
         return KHeadIncomplete;
@@ -810,7 +821,7 @@ int CHttpData::GetResponseHead(unsigned char* buf, int len, CHttpResponseHead& h
 
 // ---------------------------------------------------------------- fields
 
-int CHttpData::GetContentLenght(unsigned char* buf, int len, int& n, CHttpResponseHead& head)
+int CHttpData::GetContentLenght(const unsigned char* buf, int len, int& n, CHttpResponseHead& head)
 {
     FieldValue value;
     if (FindField(buf, len, KFieldContentLength, 0, value)) {
@@ -832,7 +843,7 @@ int CHttpData::GetContentLenght(unsigned char* buf, int len, int& n, CHttpRespon
     return KFieldAbsent;
 }
 
-int CHttpData::GetContentRange(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetContentRange(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     // value = start "-" end "/" total, parsed inside the field's value; the
     // blank before start is left for ToINT.
@@ -853,7 +864,7 @@ int CHttpData::GetContentRange(unsigned char* buf, int len, CHttpResponseHead& h
     return KFieldAbsent;
 }
 
-int CHttpData::GetContentType(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetContentType(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldContentType, 0, value))
@@ -865,7 +876,7 @@ int CHttpData::GetContentType(unsigned char* buf, int len, CHttpResponseHead& he
     return KFieldParsed;
 }
 
-void CHttpData::GetContentTypeID(CQSString* type, int& mainId, int& subId)
+void CHttpData::GetContentTypeID(const CQSString* type, int& mainId, int& subId)
 {
     if (!type || type->IsEmpty()) {
         mainId = KTypeNone;
@@ -882,7 +893,7 @@ void CHttpData::GetContentTypeID(CQSString* type, int& mainId, int& subId)
     subId = GetContentTypeSubID(type, mainId);
 }
 
-int CHttpData::GetContentTypeSubID(CQSString* type, int mainId)
+int CHttpData::GetContentTypeSubID(const CQSString* type, int mainId)
 {
     switch (mainId) {
     case KTypeText:
@@ -899,7 +910,7 @@ int CHttpData::GetContentTypeSubID(CQSString* type, int mainId)
     return KSubUnknown;
 }
 
-int CHttpData::GetTextSubID(CQSString* type)
+int CHttpData::GetTextSubID(const CQSString* type)
 {
     if (!type)
         return KSubUnknown;
@@ -915,7 +926,7 @@ int CHttpData::GetTextSubID(CQSString* type)
     return KSubUnknown;
 }
 
-int CHttpData::GetApplicationSubID(CQSString* type)
+int CHttpData::GetApplicationSubID(const CQSString* type)
 {
     if (!type)
         return KSubUnknown;
@@ -926,23 +937,23 @@ int CHttpData::GetApplicationSubID(CQSString* type)
     return KSubUnknown;
 }
 
-int CHttpData::GetAudioSubID(CQSString* type)
+int CHttpData::GetAudioSubID(const CQSString* type)
 {
     return SubIdByEnding(type, KAudioSubTypes);
 }
 
-int CHttpData::GetVideoSubID(CQSString* type)
+int CHttpData::GetVideoSubID(const CQSString* type)
 {
     return SubIdByEnding(type, KVideoSubTypes);
 }
 
-int CHttpData::GetImageSubID(CQSString*)
+int CHttpData::GetImageSubID(const CQSString*)
 {
     // No image sub-types are distinguished.
     return KSubUnknown;
 }
 
-void CHttpData::GetCharset(CQSString* type, CQSString& charset)
+void CHttpData::GetCharset(const CQSString* type, CQSString& charset)
 {
     if (!type || type->IsEmpty() || ContainsNoCase(*type, KTextUtf8))
         charset = KCharsetUtf8;
@@ -950,7 +961,7 @@ void CHttpData::GetCharset(CQSString* type, CQSString& charset)
         charset = KCharsetGb2312;
 }
 
-int CHttpData::GetContentEncoding(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetContentEncoding(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldContentEncoding, 0, value)) {
@@ -972,7 +983,7 @@ int CHttpData::GetContentEncoding(unsigned char* buf, int len, CHttpResponseHead
     return KFieldParsed;
 }
 
-int CHttpData::GetCacheControl(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetCacheControl(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldCacheControl, 0, value))
@@ -999,7 +1010,7 @@ int CHttpData::GetCacheControl(unsigned char* buf, int len, CHttpResponseHead& h
     return KFieldParsed;
 }
 
-int CHttpData::GetContentAttachName(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetContentAttachName(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldContentDisposition, 0, value))
@@ -1013,7 +1024,7 @@ int CHttpData::GetContentAttachName(unsigned char* buf, int len, CHttpResponseHe
     return KFieldParsed;
 }
 
-int CHttpData::GetLocation(unsigned char* buf, int len, CQSString& location)
+int CHttpData::GetLocation(const unsigned char* buf, int len, CQSString& location)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldLocation, 0, value))
@@ -1022,7 +1033,7 @@ int CHttpData::GetLocation(unsigned char* buf, int len, CQSString& location)
     return KFieldParsed;
 }
 
-int CHttpData::GetCookie(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetCookie(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     if (!ValidBuffer(buf, len))
         return KFieldAbsent;
@@ -1039,13 +1050,13 @@ int CHttpData::GetCookie(unsigned char* buf, int len, CHttpResponseHead& head)
     return KFieldParsed;
 }
 
-void CHttpData::SaveCookies(CQSString& url, CQList<CQSString*>& lines)
+void CHttpData::SaveCookies(const CQSString& url, const CQList<CQSString*>& lines)
 {
     if (!m_pCookieHolder || lines.IsEmpty())
         return;
     POSITION pos = lines.GetHeadPosition();
     while (pos) {
-        CQSString* line = lines.GetNext(pos);
+        const CQSString* line = lines.GetNext(pos);
         if (line)
             (void)m_pCookieHolder->ParseCookie(url, *line);
     }
@@ -1057,45 +1068,47 @@ unsigned int CHttpData::DateStringToInt(const CQSString& text) const
     return m_DateParser.HTParseTime(text.GetDataPtr());
 }
 
-int CHttpData::GetContentData(unsigned char* buf, int len, CHttpResponseHead& head)
+// The date fields are read as DateStringToInt reads them: the value as it
+// stands through the cookie date parser.
+int CHttpData::GetContentData(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldDate, 0, value))
         return KFieldAbsent;
-    head.m_nDate = static_cast<int>(DateStringToInt(ValueOf(buf, value)));
+    head.m_nDate = static_cast<int>(CookieParser::HTParseTime(ValueOf(buf, value).GetDataPtr()));
     return KFieldParsed;
 }
 
-int CHttpData::GetContentExpireData(unsigned char* buf, int len, CHttpResponseHead& head)
+int CHttpData::GetContentExpireData(const unsigned char* buf, int len, CHttpResponseHead& head)
 {
     FieldValue value;
     if (!FindField(buf, len, KFieldExpireDate, 0, value))
         return KFieldAbsent;
-    head.m_nExpireDate = static_cast<int>(DateStringToInt(ValueOf(buf, value)));
+    head.m_nExpireDate = static_cast<int>(CookieParser::HTParseTime(ValueOf(buf, value).GetDataPtr()));
     return KFieldParsed;
 }
 
-int CHttpData::GetThisPageUrl(unsigned char* buf, int len, CQSString& url)
+int CHttpData::GetThisPageUrl(const unsigned char* buf, int len, CQSString& url)
 {
     return ReadUrlField(buf, len, KFieldCurUrl, url);
 }
 
-int CHttpData::GetFileUrl(unsigned char* buf, int len, CQSString& url)
+int CHttpData::GetFileUrl(const unsigned char* buf, int len, CQSString& url)
 {
     return ReadUrlField(buf, len, KFieldFileUrl, url);
 }
 
-void CHttpData::GetOrignSize(unsigned char* buf, int len, int& n)
+void CHttpData::GetOrignSize(const unsigned char* buf, int len, int& n)
 {
     ReadNumberField(buf, len, KFieldOrigSize, n);
 }
 
-void CHttpData::GetStreamSize(unsigned char* buf, int len, int& n)
+void CHttpData::GetStreamSize(const unsigned char* buf, int len, int& n)
 {
     ReadNumberField(buf, len, KFieldStreamSize, n);
 }
 
-void CHttpData::GetIDVersion(unsigned char* buf, int len, int& n)
+void CHttpData::GetIDVersion(const unsigned char* buf, int len, int& n)
 {
     ReadNumberField(buf, len, KFieldIdVersion, n);
 }
@@ -1105,7 +1118,7 @@ void CHttpData::GetIDVersion(unsigned char* buf, int len, int& n)
 //   chunk-line = *( CRLF ) hex-size [ extension ] CRLF
 // The line ends before the size are those left by the previous chunk's data.
 
-int CHttpData::GetChunkSize(unsigned char* buf, int len, int& used)
+int CHttpData::GetChunkSize(const unsigned char* buf, int len, int& used)
 {
     if (!buf || len < 0)
         return KChunkLineIncomplete;
@@ -1191,7 +1204,7 @@ int CHttpData::CopyHttpHeader_PostFile_ContentDisposition(const CQWString& name,
     return w.Count();
 }
 
-int CHttpData::CopyHttpHeader_PostFile_FileInfo(CQSString& key, CQSString& value, unsigned char* out)
+int CHttpData::CopyHttpHeader_PostFile_FileInfo(const CQSString& key, const CQSString& value, unsigned char* out)
 {
     velanet::ByteWriter w(out);
     w.PutLiteral(KPartDelimiterLine);
@@ -1206,7 +1219,7 @@ int CHttpData::CopyHttpHeader_PostFile_FileInfo(CQSString& key, CQSString& value
     return w.Count();
 }
 
-int CHttpData::CopyHttpHeader_PostFile_AllFileInfo(CQSString& formFields, unsigned char* out)
+int CHttpData::CopyHttpHeader_PostFile_AllFileInfo(const CQSString& formFields, unsigned char* out)
 {
     if (formFields.IsEmpty())
         return 0;
@@ -1235,7 +1248,7 @@ int CHttpData::CopyHttpHeader_PostFile_AllFileInfo(CQSString& formFields, unsign
     return total;
 }
 
-unsigned char* CHttpData::GetPostFileInfoData(CQSString& formFields, int& len)
+unsigned char* CHttpData::GetPostFileInfoData(const CQSString& formFields, int& len)
 {
     len = 0;
     const auto writeTrailer = [&](unsigned char* out) {
@@ -1300,7 +1313,7 @@ bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit&
     return true;
 }
 
-bool CHttpData::GetFileNameFromURL(CQSString* url, CQWString& name)
+bool CHttpData::GetFileNameFromURL(const CQSString* url, CQWString& name)
 {
     if (!url || url->IsEmpty())
         return false;

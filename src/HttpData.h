@@ -46,7 +46,10 @@ public:
 
     CHttpResponseHead();
     ~CHttpResponseHead();
-    CHttpResponseHead(const CHttpResponseHead&) = delete;
+    // A fresh record assigned from other (see operator=): every field but
+    // the content encoding, which keeps its initial value, and copies of
+    // the cookie lines.
+    CHttpResponseHead(const CHttpResponseHead& other);
 
     // Copies every field except the content encoding, which keeps its value;
     // the source's cookie lines are appended to this record's lines as new
@@ -90,8 +93,9 @@ private:
 class CHttpData
 {
 public:
-    // Method codes of CopyHttpHeader_Method.
-    enum enHttpMethod
+    // Method codes of CopyHttpHeader_Method. Based on int so that any code
+    // a caller casts to it is a valid value (the writer rejects it).
+    enum enHttpMethod : int
     {
         HM_Get = 0,
         HM_Post = 1,
@@ -152,12 +156,12 @@ public:
     // ---- Request building. Each returns a new[] buffer owned by the
     // caller (delete[]), its byte count in len; null when no host is found.
     unsigned char* GetMethodData(int method, int& len, int encodingMode, int absoluteTarget, int multipart = 0,
-                                 int bodyLen = 0, unsigned char* body = nullptr, bool withIdVersion = false,
+                                 int bodyLen = 0, const unsigned char* body = nullptr, bool withIdVersion = false,
                                  unsigned int idVersion = 0);
     unsigned char* PartialGetMethodData(int& len, int encodingMode, bool absoluteTarget, int rangeStart);
     unsigned char* HttpHead_Get(int& len, int encodingMode, bool absoluteTarget, int rangeStart,
                                 bool withIdVersion, unsigned int idVersion);
-    unsigned char* HttpHead_Post(int& len, int encodingMode, int bodyLen, unsigned char* body,
+    unsigned char* HttpHead_Post(int& len, int encodingMode, int bodyLen, const unsigned char* body,
                                  bool absoluteTarget, bool multipart, bool withIdVersion, unsigned int idVersion);
 
     // ---- Two-pass header writers: with a null out they write nothing and
@@ -169,10 +173,14 @@ public:
     int CopyHttpHeader_UserAgent(unsigned char* out);
     int CopyHttpHeader_ContentLenght(int n, unsigned char* out);
     int CopyHttpHeader_Method(enHttpMethod method, bool absoluteTarget, unsigned char* out);
+    // The same with the method as a plain code (0 GET, 1 POST).
+    int CopyHttpHeader_Method(int method, bool absoluteTarget, unsigned char* out);
 
     // ---- Response parsing. Every parser searches the whole buffer given
     // (head and any body bytes behind it) for the first occurrence of its
     // field, ignoring case; see src/internal/HeadMatch_p.h for the rule.
+    // The field parsers need no request and are static; they read the bytes
+    // and never write them.
 
     // Results of the response parsers.
     enum
@@ -221,52 +229,52 @@ public:
     // Fills head from a complete response head: KHeadIncomplete when buf is
     // null, len < 1, or "\r\n\r\n", "HTTP/" or the blank after the status
     // are missing (head untouched then). Does not Reset head first.
-    int GetResponseHead(unsigned char* buf, int len, CHttpResponseHead& head);
+    int GetResponseHead(const unsigned char* buf, int len, CHttpResponseHead& head);
 
     // Content-Length (n and the head's length, framing 256); otherwise -1
     // with framing 512 (chunked) or 768. Returns the length or -1.
-    int GetContentLenght(unsigned char* buf, int len, int& n, CHttpResponseHead& head);
+    static int GetContentLenght(const unsigned char* buf, int len, int& n, CHttpResponseHead& head);
     // "Content-Range: bytes start-end/total"; on failure both fields -1.
-    int GetContentRange(unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetContentRange(const unsigned char* buf, int len, CHttpResponseHead& head);
     // Content type codes and charset.
-    int GetContentType(unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetContentType(const unsigned char* buf, int len, CHttpResponseHead& head);
     // A null or empty type gives KTypeNone / KSubNone.
-    static void GetContentTypeID(CQSString* type, int& mainId, int& subId);
-    static int GetContentTypeSubID(CQSString* type, int mainId);
-    static int GetTextSubID(CQSString* type);
-    static int GetApplicationSubID(CQSString* type);
-    static int GetAudioSubID(CQSString* type);
-    static int GetVideoSubID(CQSString* type);
-    static int GetImageSubID(CQSString* type);
+    static void GetContentTypeID(const CQSString* type, int& mainId, int& subId);
+    static int GetContentTypeSubID(const CQSString* type, int mainId);
+    static int GetTextSubID(const CQSString* type);
+    static int GetApplicationSubID(const CQSString* type);
+    static int GetAudioSubID(const CQSString* type);
+    static int GetVideoSubID(const CQSString* type);
+    static int GetImageSubID(const CQSString* type);
     // "UTF-8" for a null or empty type or one naming UTF-8, else "GB2312"
     // when named; otherwise charset is left as it was.
-    static void GetCharset(CQSString* type, CQSString& charset);
+    static void GetCharset(const CQSString* type, CQSString& charset);
     // KContentEncoding*; a missing field sets none and returns -1.
-    int GetContentEncoding(unsigned char* buf, int len, CHttpResponseHead& head);
-    int GetCacheControl(unsigned char* buf, int len, CHttpResponseHead& head);
-    int GetContentAttachName(unsigned char* buf, int len, CHttpResponseHead& head);
-    int GetLocation(unsigned char* buf, int len, CQSString& location);
+    static int GetContentEncoding(const unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetCacheControl(const unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetContentAttachName(const unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetLocation(const unsigned char* buf, int len, CQSString& location);
     // Appends every Set-Cookie value; -1 only for a null or empty buffer.
-    int GetCookie(unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetCookie(const unsigned char* buf, int len, CHttpResponseHead& head);
     // Hands each line to the cookie holder (nothing without a holder).
-    void SaveCookies(CQSString& url, CQList<CQSString*>& lines);
+    void SaveCookies(const CQSString& url, const CQList<CQSString*>& lines);
     // "Date:" and "ExpireDate:" as seconds on the cookie calendar.
-    int GetContentData(unsigned char* buf, int len, CHttpResponseHead& head);
-    int GetContentExpireData(unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetContentData(const unsigned char* buf, int len, CHttpResponseHead& head);
+    static int GetContentExpireData(const unsigned char* buf, int len, CHttpResponseHead& head);
     // "CurURL:" and "FileURL:", trimmed; 1 also when absent, -1 for a null
     // or empty buffer.
-    int GetThisPageUrl(unsigned char* buf, int len, CQSString& url);
-    int GetFileUrl(unsigned char* buf, int len, CQSString& url);
+    static int GetThisPageUrl(const unsigned char* buf, int len, CQSString& url);
+    static int GetFileUrl(const unsigned char* buf, int len, CQSString& url);
     // "OrigSize:", "StreamSize:", "idversion:": n is 0 unless the field
     // gives a number (untouched for a null or empty buffer).
-    void GetOrignSize(unsigned char* buf, int len, int& n);
-    void GetStreamSize(unsigned char* buf, int len, int& n);
-    void GetIDVersion(unsigned char* buf, int len, int& n);
+    static void GetOrignSize(const unsigned char* buf, int len, int& n);
+    static void GetStreamSize(const unsigned char* buf, int len, int& n);
+    static void GetIDVersion(const unsigned char* buf, int len, int& n);
 
     // One chunk-size line of a chunked body, after any line ends left by the
     // previous chunk: returns the size and sets used to the bytes of the line
     // with its line ends; -1 while the line is incomplete.
-    static int GetChunkSize(unsigned char* buf, int len, int& used);
+    static int GetChunkSize(const unsigned char* buf, int len, int& used);
 
     // ---- Multipart file upload (boundary "7d92bf36e1196"). The writers
     // follow the two-pass rule above.
@@ -278,19 +286,19 @@ public:
     bool GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit& unit);
     // The trailer: "\r\n", the form field parts, the closing delimiter; a
     // new[] buffer owned by the caller (null, len 0, when memory runs out).
-    unsigned char* GetPostFileInfoData(CQSString& formFields, int& len);
+    unsigned char* GetPostFileInfoData(const CQSString& formFields, int& len);
     int CopyHttpHeader_PostFile_ContentType(unsigned char* out);
     // The file part head: delimiter, Content-Disposition with name and file
     // name, Content-Type, blank line.
     int CopyHttpHeader_PostFile_ContentDisposition(const CQWString& name, const CQWString& fileName,
                                                    unsigned char* out);
     // One form field part.
-    int CopyHttpHeader_PostFile_FileInfo(CQSString& key, CQSString& value, unsigned char* out);
+    int CopyHttpHeader_PostFile_FileInfo(const CQSString& key, const CQSString& value, unsigned char* out);
     // A part per key=value pair of formFields ("&"-joined); 0 when empty.
-    int CopyHttpHeader_PostFile_AllFileInfo(CQSString& formFields, unsigned char* out);
+    int CopyHttpHeader_PostFile_AllFileInfo(const CQSString& formFields, unsigned char* out);
     // name = the URL after its first "//", up to the next "?", with "/" and
     // ":" made "_". False (name untouched) for a null or empty URL.
-    static bool GetFileNameFromURL(CQSString* url, CQWString& name);
+    static bool GetFileNameFromURL(const CQSString* url, CQWString& name);
 
 private:
     CHttpData(const CHttpData&) = delete;

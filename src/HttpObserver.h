@@ -8,8 +8,8 @@
 // each engine made with a notifier, turns every observer call into the
 // matching notifier call. The first argument of every call is the request id.
 // Neither interface owns or is owned through these pointers, so neither has
-// a virtual destructor; their destructors are protected so that nobody
-// deletes through them.
+// a virtual destructor; nobody deletes through them (MHttpNotifier's
+// destructor is protected to enforce it).
 
 #include "BaseClass/src/CQString.h"
 #include "src/HttpData.h"
@@ -35,7 +35,8 @@ public:
     virtual int OnHttpEngine_ResponseData(int id, unsigned char* data, int len, int n);
     virtual int OnHttpEngine_URLChange(int id, CQSString& location);
 
-protected:
+    // Public: with every call defaulted, a plain MHttpObserver is a usable
+    // listener that ignores everything.
     MHttpObserver() = default;
     MHttpObserver(const MHttpObserver&) = default;
     MHttpObserver& operator=(const MHttpObserver&) = default;

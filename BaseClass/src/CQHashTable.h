@@ -15,13 +15,14 @@
 
 #include "BaseClass/src/CQString.h"
 
-template <class T>
+// One entry of a chain, the same for every table. The value is owned by
+// the table that holds the entry, which knows its type and destroys it.
 struct CQHashTableEntry
 {
     int hash = 0;                        // GetHashCode(key)
     CQSString key;
     CQWString wideKey;                   // kept empty; part of the entry layout
-    T* value = nullptr;                  // owned
+    void* value = nullptr;               // a T* of the owning CQHashTable<T>
     CQHashTableEntry* next = nullptr;
 };
 
@@ -29,7 +30,7 @@ template <class T>
 class CQHashTable
 {
 public:
-    typedef CQHashTableEntry<T> Entry;
+    typedef CQHashTableEntry Entry;
 
     CQHashTable() { m_pBuckets = NewBuckets(); }
 
@@ -70,7 +71,7 @@ public:
         for (Entry* entry = m_pBuckets[BucketOf(hash)]; entry != nullptr; entry = entry->next)
         {
             if (entry->hash == hash && entry->key == key)
-                return entry->value;
+                return ValueOf(entry);
         }
         return nullptr;
     }
@@ -91,7 +92,7 @@ public:
             {
                 if (entry->value != value)
                 {
-                    delete entry->value;
+                    delete ValueOf(entry);
                     entry->value = value;
                 }
                 return;
@@ -130,7 +131,7 @@ public:
         {
             for (Entry* entry = m_pBuckets[i]; entry != nullptr && filled < m_nCount;
                  entry = entry->next)
-                m_pSnapshot[filled++] = entry->value;
+                m_pSnapshot[filled++] = ValueOf(entry);
         }
         return m_pSnapshot;
     }
@@ -151,7 +152,7 @@ public:
         while (reversed != nullptr)
         {
             Entry* next = reversed->next;
-            delete reversed->value;
+            delete ValueOf(reversed);
             delete reversed;
             reversed = next;
         }
@@ -192,6 +193,8 @@ private:
 
     // Null when the array cannot be allocated: the table is then unusable.
     static Entry** NewBuckets() { return new (std::nothrow) Entry*[KBucketCount](); }
+
+    static T* ValueOf(const Entry* entry) { return static_cast<T*>(entry->value); }
 
     int BucketOf(int hash) const { return (hash & 0x7FFFFFFF) % m_nBuckets; }
 

@@ -32,9 +32,10 @@ struct alignas(std::max_align_t) CQPlex
     void FreeDataChain();
 };
 
-// Opaque list position: a node pointer in disguise.
-struct QPositionTag;
-typedef QPositionTag* POSITION;
+// A list position: the address of a list node. The list hands out its
+// node pointers (CQList<...>::CNode*), which convert to POSITION, and takes
+// either form back.
+typedef void* POSITION;
 
 template <class TYPE, class ARG_TYPE = TYPE>
 class CQList
@@ -71,37 +72,51 @@ public:
     int GetCount() const { return m_nCount; }
     bool IsEmpty() const { return m_nCount == 0; }
 
-    POSITION GetHeadPosition() const { return ToPosition(m_pNodeHead); }
+    CNode* GetHeadPosition() const { return m_pNodeHead; }
 
     // Returns the element at pos and moves pos to the next one (null after
     // the tail).
+    TYPE& GetNext(CNode*& pos)
+    {
+        CNode* pNode = pos;
+        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
+        pos = pNode->pNext;
+        return pNode->data;
+    }
+    const TYPE& GetNext(CNode*& pos) const
+    {
+        CNode* pNode = pos;
+        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
+        pos = pNode->pNext;
+        return pNode->data;
+    }
     TYPE& GetNext(POSITION& pos)
     {
         CNode* pNode = ToNode(pos);
-        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
-        pos = ToPosition(pNode->pNext);
-        return pNode->data;
+        TYPE& element = GetNext(pNode);
+        pos = pNode;
+        return element;
     }
     const TYPE& GetNext(POSITION& pos) const
     {
         CNode* pNode = ToNode(pos);
-        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
-        pos = ToPosition(pNode->pNext);
-        return pNode->data;
+        const TYPE& element = GetNext(pNode);
+        pos = pNode;
+        return element;
     }
 
-    TYPE& GetAt(POSITION pos)
+    TYPE& GetAt(CNode* pos)
     {
-        CNode* pNode = ToNode(pos);
-        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
-        return pNode->data;
+        QT_ALWAYS_ASSERT(pos != NULL, "BaseClass/src/CQList");
+        return pos->data;
     }
-    const TYPE& GetAt(POSITION pos) const
+    const TYPE& GetAt(CNode* pos) const
     {
-        CNode* pNode = ToNode(pos);
-        QT_ALWAYS_ASSERT(pNode != NULL, "BaseClass/src/CQList");
-        return pNode->data;
+        QT_ALWAYS_ASSERT(pos != NULL, "BaseClass/src/CQList");
+        return pos->data;
     }
+    TYPE& GetAt(POSITION pos) { return GetAt(ToNode(pos)); }
+    const TYPE& GetAt(POSITION pos) const { return GetAt(ToNode(pos)); }
 
     TYPE& GetHead()
     {
@@ -124,9 +139,9 @@ public:
         return m_pNodeTail->data;
     }
 
-    // Appends newElement. Returns its position, or null (nothing added) when
-    // a new block was needed and could not be allocated.
-    POSITION AddTail(ARG_TYPE newElement)
+    // Appends newElement. Returns its node, or null (nothing added) when a
+    // new block was needed and could not be allocated.
+    CNode* AddTail(ARG_TYPE newElement)
     {
         CNode* pNewNode = NewNode(m_pNodeTail, NULL);
         if (pNewNode == NULL)
@@ -137,7 +152,7 @@ public:
         else
             m_pNodeHead = pNewNode;
         m_pNodeTail = pNewNode;
-        return ToPosition(pNewNode);
+        return pNewNode;
     }
 
     // Removes the element at the zero-based index; an index outside
@@ -245,8 +260,7 @@ protected:
     }
 
 private:
-    static POSITION ToPosition(CNode* pNode) { return reinterpret_cast<POSITION>(pNode); }
-    static CNode* ToNode(POSITION pos) { return reinterpret_cast<CNode*>(pos); }
+    static CNode* ToNode(POSITION pos) { return static_cast<CNode*>(pos); }
 };
 
 #endif

@@ -507,6 +507,13 @@ int CQWString::SetByteData(const unsigned char* data, int len)
     return 1;
 }
 
+bool CQWString::operator==(const wchar_t* text) const
+{
+    const int len = TextLength(text);
+    return len == GetLength() &&
+           (len == 0 || std::wmemcmp(GetDataPtr(), text, static_cast<size_t>(len)) == 0);
+}
+
 int CQWString::Replace(const wchar_t* oldText, const wchar_t* newText)
 {
     return ReplaceAll(m_text, oldText, newText);

@@ -57,6 +57,11 @@ public:
     int Compare(const char* text) const;
     bool operator==(const CQSString& other) const { return m_text.Equals(other.m_text); }
     bool operator!=(const CQSString& other) const { return !(*this == other); }
+    // Against a NUL-terminated text, as Compare (a null text equals "").
+    bool operator==(const char* text) const { return Compare(text) == 0; }
+    bool operator!=(const char* text) const { return Compare(text) != 0; }
+    friend bool operator==(const char* text, const CQSString& s) { return s.Compare(text) == 0; }
+    friend bool operator!=(const char* text, const CQSString& s) { return s.Compare(text) != 0; }
 
     // Index of the first occurrence at or after start; -1 when absent.
     // An empty pattern is found at start.
@@ -152,6 +157,12 @@ public:
 
     bool operator==(const CQWString& other) const { return m_text.Equals(other.m_text); }
     bool operator!=(const CQWString& other) const { return !(*this == other); }
+    // Against a NUL-terminated text, character for character (a null text
+    // equals "").
+    bool operator==(const wchar_t* text) const;
+    bool operator!=(const wchar_t* text) const { return !(*this == text); }
+    friend bool operator==(const wchar_t* text, const CQWString& s) { return s == text; }
+    friend bool operator!=(const wchar_t* text, const CQWString& s) { return !(s == text); }
 
     // The text as a QString (UTF-32 code points).
     QString ToQString() const;

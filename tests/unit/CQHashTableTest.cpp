@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -367,7 +368,7 @@ TEST(CQHashTableTest, RemoveHashListDestroysTheLaterEntriesFirst)
     // Chain: keys[2] -> keys[1] -> keys[0].
     Table::Entry* head = table.m_pBuckets[bucket];
     ASSERT_NE(head, nullptr);
-    ASSERT_EQ(head->value->id, 2);
+    ASSERT_EQ(static_cast<Tracked*>(head->value)->id, 2);
 
     table.removeHashList(head->next);
     EXPECT_EQ(log, std::vector<int>({0, 1}));
@@ -461,6 +462,24 @@ TEST(CQHashTableTest, DestructorOfAClearedTableIsSafe)
         table.clear();
     }
     EXPECT_EQ(log, std::vector<int>({1}));
+}
+
+TEST(CQHashTableTest, EntriesHaveOneTypeForEveryTable)
+{
+    static_assert(std::is_same<Table::Entry, CQHashTableEntry>::value, "one entry type");
+    static_assert(std::is_same<CQHashTable<int>::Entry, CQHashTableEntry>::value, "one entry type");
+
+    std::vector<int> log;
+    Table table;
+    Tracked* value = new Tracked(1, &log);
+    table.put(CQSString("sid"), value);
+    CQHashTableEntry* entry = table.m_pBuckets[ReferenceBucket("sid")];
+    ASSERT_NE(entry, nullptr);
+    EXPECT_EQ(entry->hash, Reference("sid"));
+    EXPECT_EQ(entry->key.Compare("sid"), 0);
+    EXPECT_TRUE(entry->wideKey.IsEmpty());
+    EXPECT_EQ(static_cast<Tracked*>(entry->value), value);
+    EXPECT_EQ(entry->next, nullptr);
 }
 
 }  // namespace

@@ -489,6 +489,45 @@ TEST(CQListTest, FailedBlockAllocationSuppliesNoNode)
     EXPECT_EQ(list.m_pNodeFree, nullptr);
 }
 
+TEST(CQListTest, AddTailReturnsTheNewNode)
+{
+    PtrList list;
+    Node* first = list.AddTail(&g_items[3]);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first, list.m_pNodeHead);
+    EXPECT_EQ(first, list.m_pNodeTail);
+    EXPECT_EQ(first->data, &g_items[3]);
+    EXPECT_EQ(list.AddTail(&g_items[4])->data, &g_items[4]);
+    EXPECT_EQ(list.m_pNodeTail->pPrev, first);
+}
+
+TEST(CQListTest, PositionsAreTheListsNodes)
+{
+    PtrList list;
+    Fill(list, 3);
+    EXPECT_EQ(list.GetHeadPosition(), list.m_pNodeHead);
+
+    // Walked with node pointers...
+    std::vector<int*> byNode;
+    for (Node* node = list.GetHeadPosition(); node != nullptr;)
+    {
+        Node* here = node;
+        int*& element = list.GetNext(node);
+        EXPECT_EQ(&element, &here->data);
+        EXPECT_EQ(node, here->pNext);
+        EXPECT_EQ(&list.GetAt(here), &here->data);
+        byNode.push_back(element);
+    }
+    EXPECT_EQ(byNode, Items({0, 1, 2}));
+
+    // ...and with POSITION values, which are the same addresses.
+    POSITION pos = list.GetHeadPosition();
+    EXPECT_EQ(pos, static_cast<void*>(list.m_pNodeHead));
+    list.GetNext(pos);
+    EXPECT_EQ(pos, static_cast<void*>(list.m_pNodeHead->pNext));
+    EXPECT_EQ(list.GetAt(pos), &g_items[1]);
+}
+
 // Fatal consistency checks: the message names the condition, the header
 // path and the line the library reports for it.
 TEST(CQListDeathTest, RemoveHeadOnAnEmptyListIsFatal)

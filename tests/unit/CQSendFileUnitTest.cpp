@@ -587,6 +587,23 @@ TEST_F(CQSendFileUnitTest, ANullTrailerCountsAsNone)
     EXPECT_EQ(0, unit.EnableSendSize());
 }
 
+TEST_F(CQSendFileUnitTest, SetInfoDataStoresTheLengthAsGiven)
+{
+    // trailer = data, trailerLength = length, trailerSent = 0, whatever the
+    // length: the stream size adds it as it stands.
+    CQSendFileUnit unit;
+    std::vector<unsigned char> header = Bytes("0123456789");
+    std::vector<unsigned char> trailer = Bytes("tail");
+    unit.SetData(header.data(), 10, false);
+    unit.SetInfoData(trailer.data(), -3);
+    EXPECT_EQ(trailer.data(), unit.m_pInfoData);
+    EXPECT_EQ(-3, unit.m_nInfoDataLen);
+    EXPECT_EQ(0, unit.m_nInfoDataSent);
+    EXPECT_EQ(-3 + 0 + 10, unit.EnableSendSize());
+    unit.SetInfoData(trailer.data(), 4);
+    EXPECT_EQ(4 + 0 + 10, unit.EnableSendSize());
+}
+
 TEST_F(CQSendFileUnitTest, ClearAllResetsEverythingAndIsSafeTwice)
 {
     CQSendFileUnit unit;

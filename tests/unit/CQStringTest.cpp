@@ -1748,3 +1748,39 @@ TEST(CQWString, MoveTakesTheContent)
     b = L"again";  // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(L"again", Wide(b));
 }
+
+TEST(CQSString, EqualityWithATextComparesTheBytesOnEitherSide)
+{
+    const CQSString s("abc");
+    EXPECT_TRUE(s == "abc");
+    EXPECT_TRUE("abc" == s);
+    EXPECT_FALSE(s == "abd");
+    EXPECT_FALSE("ab" == s);
+    EXPECT_TRUE(s != "ABC");
+    EXPECT_TRUE("abcd" != s);
+    EXPECT_FALSE(s != "abc");
+    // A literal on the left is compared by content, not by address.
+    const std::string sameBytes("abc");
+    EXPECT_TRUE(sameBytes.c_str() == s);
+
+    EXPECT_TRUE(CQSString() == "");
+    EXPECT_TRUE(CQSString() == static_cast<const char*>(nullptr));
+    // The text ends at its NUL; the string's counted bytes go on.
+    const CQSString withNul("ab\0c", 4);
+    EXPECT_FALSE(withNul == "ab");
+    EXPECT_TRUE(withNul != "ab");
+}
+
+TEST(CQWString, EqualityWithATextComparesTheCharactersOnEitherSide)
+{
+    const CQWString w(L"xy");
+    EXPECT_TRUE(w == L"xy");
+    EXPECT_TRUE(L"xy" == w);
+    EXPECT_FALSE(w == L"x");
+    EXPECT_FALSE(L"xyz" == w);
+    EXPECT_TRUE(w != L"XY");
+    EXPECT_TRUE(L"" != w);
+    EXPECT_FALSE(w != L"xy");
+    EXPECT_TRUE(CQWString() == L"");
+    EXPECT_TRUE(CQWString() == static_cast<const wchar_t*>(nullptr));
+}

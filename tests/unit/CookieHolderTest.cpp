@@ -1331,3 +1331,42 @@ TEST(CookieFileReaderTest, EveryPrefixGivesTheCompleteRecords)
         }
     }
 }
+
+// ---- call forms ------------------------------------------------------------
+//
+// The holder as the application may call it: with literal texts, without the
+// GetCookie flag, with the directory as a QString.
+
+TEST_F(CookieHolderTest, LiteralTextsAndTheDefaultFlag)
+{
+    QCookieHolder holder;
+    holder.ConstructL(m_dir.Path());
+    EXPECT_EQ(1, holder.ParseCookie("//mail.shop.org/x", "SID=abc; Path=/; Domain=.shop.org"));
+    EXPECT_EQ(0, holder.ParseCookie("//mail.shop.org/x", "=v"));
+
+    std::unique_ptr<CQHashTable<QCookieValue>> table(holder.GetCookie("mail.shop.org"));
+    ASSERT_NE(nullptr, table.get());
+    EXPECT_EQ(std::vector<QCookieValue>{Cookie("SID", "abc", 0)}, Values(table.get()));
+    EXPECT_EQ(nullptr, holder.GetCookie(""));
+
+    holder.Save2File();
+    EXPECT_EQ(Record("SID", "abc", "shop.org", 0), Contents(CookieFile("zorb@shop.org.txt")));
+}
+
+TEST_F(CookieHolderTest, ReadOnlyNamesForTheStoreCalls)
+{
+    QCookie cookie;
+    const CQSString name("n");
+    const CQSString value("v");
+    EXPECT_TRUE(cookie.SetCookie(&name, &value, 7, true));
+    const QCookieValue* stored = cookie.GetCookie(name);
+    ASSERT_NE(nullptr, stored);
+    EXPECT_EQ(Cookie("n", "v", 7), *stored);
+
+    QCookieHolder holder;
+    holder.ConstructL(Base());
+    cookie.domain = "d.org";
+    const CQSString fileName("zorb@d.org.txt");
+    holder.SaveItem(&fileName, &cookie);
+    EXPECT_EQ(Record("n", "v", "d.org", 7), Contents(CookieFile("zorb@d.org.txt")));
+}

@@ -876,3 +876,60 @@ TEST(CookieParserCurrentTime, ParsedDateOfTheSameMomentIsOneMonthEarlier)
     }
     FAIL() << "the clock kept changing second around every call";
 }
+
+// ---- call forms -----------------------------------------------------------
+//
+// The routines as a caller may write them: without a parser object, with a
+// plain null pointer, on read-only text.
+
+TEST(CookieParserCallForms, DatesAndMonthsWithoutAParserObject)
+{
+    EXPECT_EQ(Calendar(2021, 5, 9, 10, 18, 14), CookieParser::HTParseTime("Wed, 09 Jun 2021 10:18:14 GMT"));
+    EXPECT_EQ(1234567u, CookieParser::HTParseTime("1234567"));
+    const char* end = nullptr;
+    const char text[] = "Sep 2021";
+    EXPECT_EQ(8, CookieParser::HTMake_month(text, &end));
+    EXPECT_EQ(text + 4, end);
+}
+
+TEST(CookieParserCallForms, NullTextsAsPlainNullPointers)
+{
+    int length = -1;
+    EXPECT_EQ(nullptr, CookieParser::HTFindFullHost(nullptr, length));
+    length = -1;
+    EXPECT_EQ(nullptr, CookieParser::HTFindFatherHost(nullptr, length));
+    EXPECT_EQ(0u, CookieParser::HTParseTime(nullptr));
+    CookieParser parser;
+    EXPECT_EQ(0, parser.HTMake_month(nullptr, nullptr));
+    char* end = nullptr;
+    EXPECT_EQ(0, parser.HTMake_month(nullptr, &end));
+}
+
+TEST(CookieParserCallForms, MonthWithoutAnEndPointer)
+{
+    ExactText text("  Dec 2021");
+    EXPECT_EQ(11, CookieParser::HTMake_month(text.get(), nullptr));
+}
+
+TEST(CookieParserCallForms, HostFindersOnReadOnlyText)
+{
+    const char url[] = "//shop.org:8080/p";
+    int length = -1;
+    const char* host = CookieParser::HTFindFullHost(url, length);
+    EXPECT_EQ(url + 2, host);
+    EXPECT_EQ(8, length);
+
+    const char name[] = "mail.shop.org";
+    const char* parent = CookieParser::HTFindFatherHost(name, length);
+    EXPECT_EQ(name + 5, parent);
+    EXPECT_EQ(8, length);
+
+    // A writable text gives a writable answer.
+    ExactText writable("//mail.shop.org/x");
+    char* writableHost = CookieParser::HTFindFullHost(writable.get(), length);
+    EXPECT_EQ(writable.get() + 2, writableHost);
+    EXPECT_EQ(13, length);
+    char* writableParent = CookieParser::HTFindFatherHost(writable.get(), length);
+    EXPECT_EQ(writable.get() + 7, writableParent);
+    EXPECT_EQ(8, length);
+}

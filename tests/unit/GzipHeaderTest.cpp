@@ -381,6 +381,35 @@ TEST(GzipHeaderTest, NegativeLengthOrNullBufferReadsNothing)
     EXPECT_EQ(header.m_enState, CGzipHeader::GHS_Id1);
 }
 
+TEST(GzipHeaderTest, ReadMoreTakesCharAndUnsignedCharBuffers)
+{
+    // 10 fixed bytes and the name "abc" with its zero: the body starts at 14.
+    const BuiltHeader h = BuildHeader(KFName, "", "abc");
+    ASSERT_EQ(h.bytes.size(), 14u);
+    const std::string input = h.bytes + KBody;
+    const int len = static_cast<int>(input.size());
+
+    std::vector<char> chars(input.begin(), input.end());
+    CGzipHeader fromChars;
+    char* charBody = nullptr;
+    ASSERT_EQ(fromChars.ReadMore(chars.data(), len, &charBody), CGzipHeader::KHeaderComplete);
+    EXPECT_EQ(charBody, chars.data() + 14);
+
+    std::vector<unsigned char> bytes(input.begin(), input.end());
+    CGzipHeader fromBytes;
+    unsigned char* byteBody = nullptr;
+    ASSERT_EQ(fromBytes.ReadMore(bytes.data(), len, &byteBody), CGzipHeader::KHeaderComplete);
+    EXPECT_EQ(byteBody, bytes.data() + 14);
+
+    const unsigned char* constBytes = bytes.data();
+    CGzipHeader fromConstBytes;
+    const unsigned char* constByteBody = nullptr;
+    ASSERT_EQ(fromConstBytes.ReadMore(constBytes, 9, &constByteBody), CGzipHeader::KHeaderIncomplete);
+    EXPECT_EQ(constByteBody, nullptr);
+    ASSERT_EQ(fromConstBytes.ReadMore(constBytes + 9, len - 9, &constByteBody), CGzipHeader::KHeaderComplete);
+    EXPECT_EQ(constByteBody, bytes.data() + 14);
+}
+
 TEST(GzipHeaderDeathTest, ZeroLengthIsFatal)
 {
     EXPECT_DEATH(

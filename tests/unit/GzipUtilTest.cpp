@@ -820,6 +820,35 @@ TEST(GzipUtilTest, NewFilterHasNothingInitialised)
     EXPECT_EQ(util.iDecodeStatus, TGzipUtil::DS_NotStarted);
 }
 
+TEST(GzipUtilTest, ModesGivenAsPlainNumbers)
+{
+    // The engine's filter: modes (1, 1), then SetDecodeMode(1) for a body.
+    const std::string text = ShortText();
+    TGzipUtil util(1, 1);
+    EXPECT_EQ(util.iEncodeMode, FM_Gzip);
+    EXPECT_EQ(util.iDecodeMode, FM_Gzip);
+    EXPECT_FALSE(util.iDecodeReady);
+    ASSERT_EQ(util.SetDecodeMode(1), TGzipUtil::KDone);
+    const DecodeRun gzip = Decode(util, Deflate(text, 31), {});
+    EXPECT_TRUE(gzip.ended);
+    EXPECT_EQ(gzip.output, text);
+
+    util.ResetFilter();
+    ASSERT_EQ(util.SetDecodeMode(2), TGzipUtil::KDone);
+    EXPECT_EQ(util.iDecodeMode, FM_Deflate);
+    const DecodeRun zlib = Decode(util, Deflate(text, MAX_WBITS), {});
+    EXPECT_TRUE(zlib.ended);
+    EXPECT_EQ(zlib.output, text);
+
+    // The same encode mode again starts nothing; another one starts an encoder.
+    EXPECT_EQ(util.SetEncodeMode(1), TGzipUtil::KDone);
+    EXPECT_FALSE(util.iEncodeReady);
+    EXPECT_EQ(util.SetEncodeMode(2), TGzipUtil::KDone);
+    EXPECT_EQ(util.iEncodeMode, FM_Deflate);
+    EXPECT_TRUE(util.iEncodeReady);
+    EXPECT_EQ(util.SetDecodeMode(3), TGzipUtil::KFailed);
+}
+
 TEST(GzipUtilTest, SetDecodeModeStartsADecoder)
 {
     TGzipUtil util(FM_Gzip, FM_Gzip);

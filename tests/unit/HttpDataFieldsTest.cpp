@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <memory>
@@ -37,8 +38,7 @@ public:
     explicit Bytes(const std::string& text)
         : m_len(static_cast<int>(text.size())), m_data(new unsigned char[text.size()])
     {
-        if (!text.empty())
-            std::memcpy(m_data.get(), text.data(), text.size());
+        std::copy(text.begin(), text.end(), m_data.get());
     }
     unsigned char* Data() { return m_data.get(); }
     int Len() const { return m_len; }
@@ -1294,6 +1294,149 @@ TEST(ChunkSize, SeveralChunksInOneBuffer)
         pos += used + size;
     }
     EXPECT_EQ("Wikipedia in\r\n\r\nchunks.", data);
+}
+
+// ============================================================ call forms
+//
+// The parsers as an owner may call them: on read-only bytes (a literal, a
+// const buffer), with or without a CHttpData object, with the request's own
+// URL and a read-only list of lines.
+
+const char kReadOnlyHead[] =
+    "HTTP/1.1 206 Partial Content\r\n"
+    "Content-Length: 100\r\n"
+    "Content-Range: bytes 100-199/1000\r\n"
+    "Content-Type: audio/mpeg\r\n"
+    "Content-Encoding: deflate\r\n"
+    "Cache-Control: max-age=60\r\n"
+    "Content-Disposition: attachment; filename=\"a b.txt\"\r\n"
+    "Location: /next\r\n"
+    "Set-Cookie: a=1\r\n"
+    "Date: Wed, 09 Jun 2021 10:18:14 GMT\r\n"
+    "CurURL: http://srv.test/a\r\n"
+    "FileURL: http://srv.test/f\r\n"
+    "OrigSize: 7\r\n"
+    "StreamSize: 8\r\n"
+    "idversion: 9\r\n"
+    "\r\n";
+
+const unsigned char* ReadOnlyHead()
+{
+    return reinterpret_cast<const unsigned char*>(kReadOnlyHead);
+}
+
+const int kReadOnlyHeadLen = static_cast<int>(sizeof kReadOnlyHead - 1);
+
+TEST(CallForms, HeadParsesFromReadOnlyBytes)
+{
+    CHttpData data;
+    CHttpResponseHead head;
+    ASSERT_EQ(0, data.GetResponseHead(ReadOnlyHead(), kReadOnlyHeadLen, head));
+    EXPECT_EQ(kReadOnlyHeadLen, head.m_nHeadLen);
+    EXPECT_EQ(206, head.m_nStatusCode);
+    EXPECT_EQ(100, head.m_nContentLength);
+    EXPECT_EQ(256, head.m_nBodyType);
+    EXPECT_EQ(100, head.m_nRangeStart);
+    EXPECT_EQ(1000, head.m_nRangeTotal);
+    EXPECT_EQ(96, head.m_nContentTypeID);
+    EXPECT_EQ(100, head.m_nContentSubTypeID);
+    EXPECT_EQ(2, head.m_nContentEncoding);
+    EXPECT_EQ(60, head.m_nMaxAge);
+    EXPECT_EQ("a b.txt", Str(head.m_strAttachName));
+    EXPECT_EQ("http://srv.test/a", Str(head.m_strCurPageURL));
+    EXPECT_EQ(7, head.m_nOrigSize);
+    EXPECT_EQ(8, head.m_nStreamSize);
+    EXPECT_EQ(9, head.m_nIDVersion);
+}
+
+TEST(CallForms, FieldParsersNeedNoObject)
+{
+    const unsigned char* buf = ReadOnlyHead();
+    const int len = kReadOnlyHeadLen;
+    CHttpResponseHead head;
+    int n = 0;
+    EXPECT_EQ(100, CHttpData::GetContentLenght(buf, len, n, head));
+    EXPECT_EQ(100, n);
+    EXPECT_EQ(1, CHttpData::GetContentRange(buf, len, head));
+    EXPECT_EQ(100, head.m_nRangeStart);
+    EXPECT_EQ(1000, head.m_nRangeTotal);
+    EXPECT_EQ(1, CHttpData::GetContentType(buf, len, head));
+    EXPECT_EQ(96, head.m_nContentTypeID);
+    EXPECT_EQ(1, CHttpData::GetContentEncoding(buf, len, head));
+    EXPECT_EQ(2, head.m_nContentEncoding);
+    EXPECT_EQ(1, CHttpData::GetCacheControl(buf, len, head));
+    EXPECT_EQ(60, head.m_nMaxAge);
+    EXPECT_EQ(1, CHttpData::GetContentAttachName(buf, len, head));
+    EXPECT_EQ("a b.txt", Str(head.m_strAttachName));
+    CQSString location;
+    EXPECT_EQ(1, CHttpData::GetLocation(buf, len, location));
+    EXPECT_EQ("/next", Str(location));
+    EXPECT_EQ(1, CHttpData::GetCookie(buf, len, head));
+    EXPECT_EQ((std::vector<std::string>{" a=1"}), Lines(head));
+    EXPECT_EQ(1, CHttpData::GetContentData(buf, len, head));
+    EXPECT_EQ(static_cast<int>(5u * 2592000u + 9u * 86400u + 10u * 3600u + 18u * 60u + 14u + 51u * 31536000u),
+              head.m_nDate);
+    EXPECT_EQ(-1, CHttpData::GetContentExpireData(buf, len, head));
+    CQSString url;
+    EXPECT_EQ(1, CHttpData::GetThisPageUrl(buf, len, url));
+    EXPECT_EQ("http://srv.test/a", Str(url));
+    EXPECT_EQ(1, CHttpData::GetFileUrl(buf, len, url));
+    EXPECT_EQ("http://srv.test/f", Str(url));
+    CHttpData::GetOrignSize(buf, len, n);
+    EXPECT_EQ(7, n);
+    CHttpData::GetStreamSize(buf, len, n);
+    EXPECT_EQ(8, n);
+    CHttpData::GetIDVersion(buf, len, n);
+    EXPECT_EQ(9, n);
+
+    const unsigned char chunk[] = "1a\r\n";
+    int used = 0;
+    EXPECT_EQ(26, CHttpData::GetChunkSize(chunk, 4, used));
+    EXPECT_EQ(4, used);
+}
+
+TEST(CallForms, ContentTypeHelpersTakeReadOnlyStrings)
+{
+    const CQSString type("text/html; charset=GB2312");
+    int mainId = 0;
+    int subId = 0;
+    CHttpData::GetContentTypeID(&type, mainId, subId);
+    EXPECT_EQ(16, mainId);
+    EXPECT_EQ(19, subId);
+    EXPECT_EQ(19, CHttpData::GetContentTypeSubID(&type, 16));
+    EXPECT_EQ(19, CHttpData::GetTextSubID(&type));
+    const CQSString xhtml("application/xhtml+xml");
+    EXPECT_EQ(51, CHttpData::GetApplicationSubID(&xhtml));
+    const CQSString amr("audio/amr");
+    EXPECT_EQ(99, CHttpData::GetAudioSubID(&amr));
+    const CQSString video("video/3gpp");
+    EXPECT_EQ(145, CHttpData::GetVideoSubID(&video));
+    const CQSString image("image/png");
+    EXPECT_EQ(-1, CHttpData::GetImageSubID(&image));
+    CQSString charset;
+    CHttpData::GetCharset(&type, charset);
+    EXPECT_EQ("GB2312", Str(charset));
+}
+
+TEST(CallForms, SaveCookiesTakesTheStoredUrlAndAReadOnlyList)
+{
+    QCookieHolder holder;  // no directory: nothing touches the disk
+    CHttpData data;
+    data.SetCookiePointer(&holder);
+    data.SetURL("http://srv.test/login");
+    CHttpResponseHead head;
+    const char response[] = "HTTP/1.1 200 OK\r\nSet-Cookie: sid=ab12\r\n\r\n";
+    ASSERT_EQ(1, CHttpData::GetCookie(reinterpret_cast<const unsigned char*>(response),
+                                      static_cast<int>(sizeof response - 1), head));
+    const CHttpResponseHead& readOnly = head;
+    data.SaveCookies(data.GetURL(), readOnly.m_listCookies);
+
+    std::unique_ptr<CQHashTable<QCookieValue>> jar(holder.GetCookie(CQSString("srv.test"), true));
+    ASSERT_TRUE(jar);
+    ASSERT_TRUE(jar->get(CQSString("sid")));
+    EXPECT_EQ("ab12", Str(jar->get(CQSString("sid"))->value));
+    // The lines stay the record's.
+    EXPECT_EQ((std::vector<std::string>{" sid=ab12"}), Lines(head));
 }
 
 }  // namespace

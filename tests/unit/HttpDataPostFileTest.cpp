@@ -138,6 +138,24 @@ TEST_F(HttpDataPostFile, FieldPartHasNoBlankAfterContentTypeColon)
               })));
 }
 
+TEST_F(HttpDataPostFile, WritersTakeTextThatCannotChange)
+{
+    const CQSString fields("a=1&b");
+    EXPECT_EQ(Visible(FieldPart("k", "v=w")), Visible(TwoPass([&](unsigned char* out) {
+                  return data.CopyHttpHeader_PostFile_FileInfo(CQSString("k"), CQSString("v=w"), out);
+              })));
+    EXPECT_EQ(Visible(FieldPart("a", "1")), Visible(TwoPass([&](unsigned char* out) {
+                  return data.CopyHttpHeader_PostFile_AllFileInfo(fields, out);
+              })));
+    int len = 0;
+    std::unique_ptr<unsigned char[]> trailer(data.GetPostFileInfoData(CQSString(""), len));
+    EXPECT_EQ(Visible("\r\n--7d92bf36e1196--"), Visible(Str(trailer.get(), len)));
+    const CQSString url("http://h.test/a/b.jpg?x=1");
+    CQWString name;
+    ASSERT_TRUE(CHttpData::GetFileNameFromURL(&url, name));
+    EXPECT_TRUE(name == CQWString(L"h.test_a_b.jpg"));
+}
+
 // ---------------------------------------------------------------- form field splitter
 
 struct FieldsRow

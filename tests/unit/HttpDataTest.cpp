@@ -230,6 +230,44 @@ TEST_F(HttpDataCookieTest, DetachedHolderSendsNothing)
     EXPECT_EQ(std::string::npos, Get(data).find("Cookie"));
 }
 
+// Every optional line at once, so the whole line order of each table is seen.
+TEST_F(HttpDataCookieTest, GetWithEveryOptionalLineInItsOrder)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://srv.test:8080/news?id=7");
+    CQSString key("X-Extra"), value("1");
+    CHttpConfig::AddHeader(key, value);
+    const std::string got = Build([&](int& len) { return data.HttpHead_Get(len, KGzip, false, 100, true, 7); });
+    CHttpConfig::RemoveHeader(key);
+
+    const std::string expected = std::string("GET /news?id=7 HTTP/1.1\r\n") + "Host: srv.test:8080\r\n" +
+                                 KUserAgentLine + "\r\n" + KVuaLine + "\r\n" + "X-Extra: 1\r\n" + KAcceptLine +
+                                 KAcceptCharsetLine + "Accept-Encoding: gzip\r\n" + "Range: bytes=100-\r\n" +
+                                 "idversion:7\r\n" + "Cookie: sid=ab12\r\n" + "Connection: close\r\n" + "\r\n";
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(got)));
+}
+
+TEST_F(HttpDataCookieTest, PostWithEveryOptionalLineInItsOrder)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://srv.test:8080/news?id=7");
+    CQSString key("X-Extra"), value("1");
+    CHttpConfig::AddHeader(key, value);
+    const unsigned char body[] = {'a', '=', '1'};
+    const std::string got =
+        Build([&](int& len) { return data.HttpHead_Post(len, KGzip, 3, body, false, true, true, 9); });
+    CHttpConfig::RemoveHeader(key);
+
+    const std::string expected = std::string("POST /news?id=7 HTTP/1.1\r\n") + "Host: srv.test:8080\r\n" +
+                                 KUserAgentLine + "\r\n" + "X-Extra: 1\r\n" + KAcceptLine + KAcceptCharsetLine +
+                                 "Cookie: sid=ab12\r\n" + "Content-Type: multipart/form-data\r\n" +
+                                 "Content-Length: 3\r\n" + KVuaLine + "\r\n" + "Accept-Encoding: gzip\r\n" +
+                                 "idversion:9\r\n" + "Connection: close\r\n" + "\r\n" + "a=1";
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(got)));
+}
+
 // ------------------------------------------------------------ no request
 
 TEST_F(HttpDataTest, UrlWithoutSchemeProducesNoRequest)
@@ -492,6 +530,48 @@ TEST_F(HttpDataTest, MethodWriterUnknownMethodIsFatal)
     data.SetURL("http://h/");
     EXPECT_DEATH(data.CopyHttpHeader_Method(static_cast<CHttpData::enHttpMethod>(2), false, nullptr),
                  "FALSE.*src/HttpData");
+}
+
+TEST_F(HttpDataTest, ResumedDownloadInAbsoluteFormKeepsTheWholeUrl)
+{
+    data.SetURL("http://srv.test:8080/f.zip");
+    const std::string expected = std::string("GET http://srv.test:8080/f.zip HTTP/1.1\r\n") +
+                                 "Host: srv.test:8080\r\n" + KUserAgentLine + "\r\n" + KVuaLine + "\r\n" +
+                                 KAcceptLine + KAcceptCharsetLine + "Range: bytes=2048-\r\n" +
+                                 "Connection: close\r\n" + "\r\n";
+    const std::string got = Build([&](int& len) { return data.PartialGetMethodData(len, 0, true, 2048); });
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(expected)),
+              velatest::Visible(QByteArray::fromStdString(got)));
+}
+
+TEST_F(HttpDataTest, PostBodyMayComeFromConstBytes)
+{
+    data.SetURL("http://h/p");
+    const unsigned char body[] = {'k', '=', 'v'};
+    const std::string got = Build([&](int& len) { return data.GetMethodData(18, len, 0, 0, 0, 3, body); });
+    EXPECT_EQ(got.size() - 3, got.find("\r\n\r\nk=v") + 4);
+    EXPECT_NE(std::string::npos, got.find("\r\nContent-Length: 3\r\n"));
+}
+
+TEST_F(HttpDataTest, NullBodyOfLengthZeroIsAnEmptyPost)
+{
+    data.SetURL("http://h/p");
+    const std::string got =
+        Build([&](int& len) { return data.HttpHead_Post(len, 0, 0, nullptr, false, false, false, 0); });
+    EXPECT_NE(std::string::npos, got.find("\r\nContent-Length: 0\r\n"));
+    EXPECT_EQ(got.size() - 4, got.find("\r\n\r\n"));
+}
+
+TEST_F(HttpDataTest, MethodWriterTakesThePlainMethodCodes)
+{
+    data.SetURL("http://h/p");
+    unsigned char buffer[64];
+    int n = data.CopyHttpHeader_Method(0, false, buffer);
+    EXPECT_EQ("GET /p HTTP/1.1\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+    n = data.CopyHttpHeader_Method(1, false, buffer);
+    EXPECT_EQ("POST /p HTTP/1.1\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+    EXPECT_EQ(n, data.CopyHttpHeader_Method(1, false, nullptr));
+    EXPECT_DEATH(data.CopyHttpHeader_Method(2, false, nullptr), "FALSE.*src/HttpData");
 }
 
 // ------------------------------------------------------------ dissection

@@ -246,6 +246,22 @@ TEST(HttpObserverTest, ObserverDefaultsDoNothingAndLetDataGoOn)
     EXPECT_EQ(head.m_nStatusCode, 404);
 }
 
+TEST(HttpObserverTest, PlainObserverIsAListenerThatIgnoresEverything)
+{
+    MHttpObserver observer;
+    CHttpResponseHead head;
+    CQWString file(L"f");
+    CQSString location("l");
+    unsigned char byte = 0;
+    EXPECT_EQ(observer.OnHttpEngine_HttpError(KId, 500), 0);
+    EXPECT_EQ(observer.OnHttpEngine_Complete(KId, file), 0);
+    EXPECT_EQ(observer.OnHttpEngine_NetEvent(KId, 32), 0);
+    EXPECT_EQ(observer.OnHttpEngine_NetError(KId, 34), 0);
+    EXPECT_EQ(observer.OnHttpEngine_RecvHeader(KId, head), 1);
+    EXPECT_EQ(observer.OnHttpEngine_ResponseData(KId, &byte, 1, 1), 1);
+    EXPECT_EQ(observer.OnHttpEngine_URLChange(KId, location), 0);
+}
+
 TEST(HttpObserverTest, NotifierDefaultsForURLChangeAndSendDoNothing)
 {
     MinimalNotifier concrete;

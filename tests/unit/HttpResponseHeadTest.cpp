@@ -231,6 +231,24 @@ TEST(HttpResponseHead, AssignmentAppendsCopiesOfTheSourceLines)
     EXPECT_EQ((std::vector<std::string>{"t1=1", "s1=1", "s2=2"}), Lines(target));
 }
 
+TEST(HttpResponseHead, CopyIsAFreshRecordAssignedFromTheSource)
+{
+    CHttpResponseHead source;
+    FillEveryField(source);
+    const CHttpResponseHead copy = source;
+    // Every field but the content encoding, which keeps its initial value.
+    EXPECT_EQ(0, copy.m_nContentEncoding);
+    CHttpResponseHead expected;
+    expected = source;
+    EXPECT_EQ(expected, copy);
+    EXPECT_EQ((std::vector<std::string>{"s1=1", "s2=2"}), Lines(copy));
+    // The copy owns new strings.
+    POSITION s = source.m_listCookies.GetHeadPosition();
+    POSITION c = copy.m_listCookies.GetHeadPosition();
+    while (s && c)
+        EXPECT_NE(source.m_listCookies.GetNext(s), copy.m_listCookies.GetNext(c));
+}
+
 TEST(HttpResponseHead, AssignmentToItselfChangesNothing)
 {
     CHttpResponseHead h;
