@@ -119,6 +119,28 @@ void PutString(ByteWriter& w, const CQSString& s)
     w.Put(s.GetDataPtr(), s.GetLength());
 }
 
+// text + CRLF.
+void PutLine(ByteWriter& w, const CQSString& text)
+{
+    PutString(w, text);
+    w.PutLiteral(KCrLf);
+}
+
+void PutHostLine(ByteWriter& w, const char* host, int hostLen)
+{
+    w.PutLiteral("Host: ");
+    w.Put(host, hostLen);
+    w.PutLiteral(KCrLf);
+}
+
+// The private version line has no blank after its colon.
+void PutIdVersionLine(ByteWriter& w, unsigned int idVersion)
+{
+    w.PutLiteral("idversion:");
+    w.PutDecimal(idVersion);
+    w.PutLiteral(KCrLf);
+}
+
 // "GET " / "POST " target " HTTP/1.1" CRLF, as the GET and POST builders
 // write it: an absolute target gets "/" only when the URL has no path; a
 // relative GET target gets "/" in front of a path that starts with "?",
@@ -445,17 +467,11 @@ unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absolute
 
     const auto writeHead = [&](ByteWriter& w) {
         PutRequestLine(w, "GET ", m_strURL, absoluteTarget, true);
-        w.PutLiteral("Host: ");
-        w.Put(host, hostLen);
-        w.PutLiteral(KCrLf);
-        PutString(w, m_strUserAgent);
-        w.PutLiteral(KCrLf);
-        PutString(w, m_strVUserAgent);
-        w.PutLiteral(KCrLf);
-        if (withExtra) {
-            PutString(w, extraLine);
-            w.PutLiteral(KCrLf);
-        }
+        PutHostLine(w, host, hostLen);
+        PutLine(w, m_strUserAgent);
+        PutLine(w, m_strVUserAgent);
+        if (withExtra)
+            PutLine(w, extraLine);
         w.PutLiteral(KAcceptLine);
         w.PutLiteral(KAcceptCharsetLine);
         if (encodingMode == KEncodingGzip)
@@ -466,11 +482,8 @@ unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absolute
             w.PutLiteral("-");
             w.PutLiteral(KCrLf);
         }
-        if (withIdVersion) {
-            w.PutLiteral("idversion:");
-            w.PutDecimal(idVersion);
-            w.PutLiteral(KCrLf);
-        }
+        if (withIdVersion)
+            PutIdVersionLine(w, idVersion);
         PutString(w, cookieLine);
         w.PutLiteral(KConnectionLine);
         w.PutLiteral(KCrLf);
@@ -493,15 +506,10 @@ unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen,
 
     const auto writeHead = [&](ByteWriter& w) {
         PutRequestLine(w, "POST ", m_strURL, absoluteTarget, false);
-        w.PutLiteral("Host: ");
-        w.Put(host, hostLen);
-        w.PutLiteral(KCrLf);
-        PutString(w, m_strUserAgent);
-        w.PutLiteral(KCrLf);
-        if (withExtra) {
-            PutString(w, extraLine);
-            w.PutLiteral(KCrLf);
-        }
+        PutHostLine(w, host, hostLen);
+        PutLine(w, m_strUserAgent);
+        if (withExtra)
+            PutLine(w, extraLine);
         w.PutLiteral(KAcceptLine);
         w.PutLiteral(KAcceptCharsetLine);
         PutString(w, cookieLine);
@@ -512,15 +520,11 @@ unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen,
         w.PutLiteral("Content-Length: ");
         w.PutDecimal(bodyLen);
         w.PutLiteral(KCrLf);
-        PutString(w, m_strVUserAgent);
-        w.PutLiteral(KCrLf);
+        PutLine(w, m_strVUserAgent);
         if (encodingMode == KEncodingGzip)
             w.PutLiteral(KAcceptEncodingLine);
-        if (withIdVersion) {
-            w.PutLiteral("idversion:");
-            w.PutDecimal(idVersion);
-            w.PutLiteral(KCrLf);
-        }
+        if (withIdVersion)
+            PutIdVersionLine(w, idVersion);
         w.PutLiteral(KConnectionLine);
         w.PutLiteral(KCrLf);
         // The body is counted in the size even when no bytes are given, so

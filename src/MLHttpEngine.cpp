@@ -494,20 +494,28 @@ void CMLHttpEngine::SendMsg_Post()
     (void)OpenFile2Recv();
 }
 
+int CMLHttpEngine::UploadFileLength(const CQWString& path)
+{
+    // Both checks raise events outside the handled range on purpose: an
+    // upload without a usable file ends without any report.
+    if (path.IsEmpty()) {
+        OnSocketEngine_SocketEvent(KEventFilePathEmpty, 0);
+        return -1;
+    }
+    const int fileLen = CQFile::GetFileLenght(path);
+    if (fileLen < 0)
+        OnSocketEngine_SocketEvent(KEventFileLengthInvalid, 0);
+    return fileLen < 0 ? -1 : fileLen;
+}
+
 void CMLHttpEngine::SendMsg_PostFile()
 {
     if (!m_pSocketEngine)
         return;
     CQPostFileHeaderUnit& unit = m_PostFileHeaderUnit;
-    if (unit.m_strFilePath.IsEmpty()) {
-        OnSocketEngine_SocketEvent(KEventFilePathEmpty, 0);
+    const int fileLen = UploadFileLength(unit.m_strFilePath);
+    if (fileLen < 0)
         return;
-    }
-    const int fileLen = CQFile::GetFileLenght(unit.m_strFilePath);
-    if (fileLen < 0) {
-        OnSocketEngine_SocketEvent(KEventFileLengthInvalid, 0);
-        return;
-    }
     unit.m_nFileSize = fileLen;
     if (m_RequestData.GetPostFileMethodData(false, unit) && m_pSocketEngine->DoSendFile(unit, false) > 0)
         (void)OpenFile2Recv();
@@ -520,15 +528,9 @@ void CMLHttpEngine::SendMsg_PostOLFile()
     if (!m_pSocketEngine)
         return;
     CQPostOLFileHeaderUnit& unit = m_OLFileHeaderUnit;
-    if (unit.m_strFilePath.IsEmpty()) {
-        OnSocketEngine_SocketEvent(KEventFilePathEmpty, 0);
+    const int fileLen = UploadFileLength(unit.m_strFilePath);
+    if (fileLen < 0)
         return;
-    }
-    const int fileLen = CQFile::GetFileLenght(unit.m_strFilePath);
-    if (fileLen < 0) {
-        OnSocketEngine_SocketEvent(KEventFileLengthInvalid, 0);
-        return;
-    }
     unit.m_nFileLen = fileLen;
     if (m_pSocketEngine->DoSendOLFile(unit, false) < 1)
         QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);

@@ -237,6 +237,9 @@ public:
     bool IsGatewayTried() const { return m_bGatewayTried; }
 
 private:
+    // Length of the file to upload, or -1 after raising the silent event
+    // for an empty path (81) or an unreadable file (80).
+    int UploadFileLength(const CQWString& path);
     CMLHttpEngine(const CMLHttpEngine&) = delete;
     CMLHttpEngine& operator=(const CMLHttpEngine&) = delete;
 
