@@ -130,9 +130,10 @@ void CQHttpSocketEngine::ConstructL(int, int)
 
 CQHttpSocketEngine::~CQHttpSocketEngine()
 {
-    // Leaving the access point engine's observers needs that engine's
-    // class, which the library does not have yet; SetIapEngine only keeps
-    // the pointer and never registers this engine.
+    // iIapEngine is null when the access point engine went first.
+    if (iIapEngine != nullptr)
+        iIapEngine->RemoveConnectStateObserver(this);
+    iIapEngine = nullptr;
     iSocket.disconnect(this);
     if (iSecureSocket != nullptr)
         iSecureSocket->disconnect(this);
@@ -211,7 +212,20 @@ void CQHttpSocketEngine::SetSecure(bool secure)
 
 void CQHttpSocketEngine::SetIapEngine(CIAPConnectEngine* engine)
 {
+    if (iIapEngine != nullptr && iIapEngine != engine) {
+        iIapEngine->RemoveConnectStateObserver(this);
+        QObject::disconnect(iIapEngine, &QObject::destroyed, this, nullptr);
+        iIapEngine = nullptr;
+    }
+    if (engine == nullptr)
+        return;
+    engine->AddConnectStateObserver(this);
+    if (iIapEngine == engine)
+        return;
     iIapEngine = engine;
+    // The access point engine may be destroyed first: forget it then, so
+    // that this engine's destructor does not reach into freed memory.
+    connect(engine, &QObject::destroyed, this, [this] { iIapEngine = nullptr; });
 }
 
 void CQHttpSocketEngine::ChangeEngineStatus(enHttpSocketsEngineStatus status)

@@ -1197,3 +1197,111 @@ TEST_F(SocketEngineTest, StartingTheReplyTimerAgainReplacesTheRunningOne)
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- access point engine
+
+namespace {
+
+class SocketEngineIapTest : public SocketEngineTest
+{
+protected:
+    void SetUp() override
+    {
+        SocketEngineTest::SetUp();
+        iap.reset(CIAPConnectEngine::NewL(QStringLiteral("cmnet")));
+        ASSERT_NE(nullptr, iap);
+    }
+
+    void TearDown() override
+    {
+        // The documented order: the engines first, then the access point engine.
+        SocketEngineTest::TearDown();
+        iap.reset();
+    }
+
+    std::unique_ptr<CIAPConnectEngine> iap;
+};
+
+TEST_F(SocketEngineIapTest, NotRegisteredBeforeSetIapEngine)
+{
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+}
+
+TEST_F(SocketEngineIapTest, SetIapEngineRegistersTheEngineOnce)
+{
+    engine->SetIapEngine(iap.get());
+    engine->SetIapEngine(iap.get());
+    EXPECT_EQ(1, iap->GetConnectStateObserverCount());
+    EXPECT_TRUE(iap->HasConnectStateObserver(engine.get()));
+}
+
+TEST_F(SocketEngineIapTest, DestroyingTheSocketEngineRemovesItFromTheAccessPointEngine)
+{
+    std::unique_ptr<CQHttpSocketEngine> other(CQHttpSocketEngine::NewL(&observer, 0, 0));
+    ASSERT_NE(nullptr, other);
+    engine->SetIapEngine(iap.get());
+    other->SetIapEngine(iap.get());
+    ASSERT_EQ(2, iap->GetConnectStateObserverCount());
+    other.reset();
+    EXPECT_EQ(1, iap->GetConnectStateObserverCount());
+    EXPECT_TRUE(iap->HasConnectStateObserver(engine.get()));
+    engine.reset();
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+}
+
+TEST_F(SocketEngineIapTest, SetIapEngineMovesTheRegistrationToTheNewAccessPointEngine)
+{
+    std::unique_ptr<CIAPConnectEngine> second(CIAPConnectEngine::NewL(QStringLiteral("wifi")));
+    ASSERT_NE(nullptr, second);
+    engine->SetIapEngine(iap.get());
+    engine->SetIapEngine(second.get());
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+    EXPECT_TRUE(second->HasConnectStateObserver(engine.get()));
+    // Destroying the first one no longer concerns the socket engine.
+    iap.reset();
+    engine.reset();
+    EXPECT_EQ(0, second->GetConnectStateObserverCount());
+}
+
+TEST_F(SocketEngineIapTest, SetIapEngineNullLeavesTheAccessPointEngine)
+{
+    engine->SetIapEngine(iap.get());
+    engine->SetIapEngine(nullptr);
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+    engine.reset();
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+}
+
+// The socket engine forgets an access point engine that is destroyed first;
+// its own destruction then touches nothing freed (the sanitizer build checks).
+TEST_F(SocketEngineIapTest, AccessPointEngineDestroyedFirstIsForgotten)
+{
+    engine->SetIapEngine(iap.get());
+    iap.reset();
+    engine.reset();
+}
+
+TEST_F(SocketEngineIapTest, AfterItsAccessPointEngineIsGoneTheSocketEngineRegistersWithANewOne)
+{
+    engine->SetIapEngine(iap.get());
+    iap.reset();
+    iap.reset(CIAPConnectEngine::NewL(QStringLiteral("next")));
+    ASSERT_NE(nullptr, iap);
+    engine->SetIapEngine(iap.get());
+    EXPECT_EQ(1, iap->GetConnectStateObserverCount());
+    engine.reset();
+    EXPECT_EQ(0, iap->GetConnectStateObserverCount());
+}
+
+// Registration reports nothing: the socket engine's transfer callbacks and
+// its observer stay silent (the observer is a strict mock).
+TEST_F(SocketEngineIapTest, RegistrationReportsNothing)
+{
+    engine->SetIapEngine(iap.get());
+    EXPECT_TRUE(iap->Connect());
+    engine->OnIapTransferBlocked();
+    engine->OnIapTransferOpen();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+}  // namespace
