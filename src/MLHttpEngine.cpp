@@ -297,7 +297,7 @@ void CMLHttpEngine::SetIap(CIAPConnectEngine* iap)
         m_pSocketEngine->SetIapEngine(iap);
 }
 
-void CMLHttpEngine::SetPriority(int /*priority*/)
+void CMLHttpEngine::SetPriority(CRequestUnit::enRequestPriority /*priority*/)
 {
 }
 

@@ -28,6 +28,7 @@
 #include "src/GzipUtil.h"
 #include "src/HttpData.h"
 #include "src/HttpObserver.h"
+#include "src/MLHttpPool.h"
 #include "src/RequestHeaderUnit.h"
 
 #include <memory>
@@ -176,8 +177,8 @@ public:
 
     // ---- configuration
     void SetIap(CIAPConnectEngine* iap);
-    // Accepted and ignored (the pool's priority values).
-    void SetPriority(int priority);
+    // Accepted and ignored.
+    void SetPriority(CRequestUnit::enRequestPriority priority);
     void SetUserAgent(CQSString& userAgent, CQSString& vua, CQSString& extra);
     void SetCookieHold(QCookieHolder* holder);
     void DisableCookie();

@@ -895,8 +895,8 @@ TEST_F(EngineTest, PriorityAndUserAgentCallsChangeNothing)
     const std::string ua = ToStd(const_cast<CHttpData&>(m_engine->GetRequestData()).GetUserAgent());
     CQSString a("User-Agent: other"), b("V-UA: other"), c("X: y");
     m_engine->SetUserAgent(a, b, c);
-    m_engine->SetPriority(0);
-    m_engine->SetPriority(3);
+    m_engine->SetPriority(CRequestUnit::RP_Highest);
+    m_engine->SetPriority(CRequestUnit::RP_Low);
     EXPECT_EQ(ua, ToStd(const_cast<CHttpData&>(m_engine->GetRequestData()).GetUserAgent()));
     EXPECT_EQ(1, m_engine->DoClearSendInfo());
 }
