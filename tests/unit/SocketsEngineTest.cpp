@@ -1,0 +1,774 @@
+// The long connection's sockets engine against a QTcpServer on 127.0.0.1:
+// connect with and without a name lookup, the deliberate return to
+// ENotConnected after a lookup, the silent connect time-out (made short for
+// the test), a close by the peer (OnClose(2)) against the library's own
+// closes (no report), writes before the connection, the forwarding of
+// reader and bearer events, the network session where one is opened, and an
+// owner that deletes the engine from inside a report.
+
+#include "src/SocketsEngine.h"
+
+#include "src/IAPConnectEngine.h"
+#include "src/SocketsReader.h"
+#include "src/SocketsWriter.h"
+
+#include "support/TestSupport.h"
+
+#include <QCoreApplication>
+#include <QHostAddress>
+#include <QHostInfo>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+// The bearer classes are deprecated in Qt 5.15; the engine still uses them
+// where the platform needs a session, and these tests reach its session.
+QT_WARNING_PUSH
+QT_WARNING_DISABLE_DEPRECATED
+#include <QNetworkSession>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <ostream>
+#include <vector>
+
+void PrintTo(const QByteArray& bytes, std::ostream* os)
+{
+    *os << '"' << velatest::Visible(bytes) << '"';
+}
+
+// Reaches the engine's private parts for what no public call shows.
+class CSocketsEngineTestPeer
+{
+public:
+    static QTcpSocket& Socket(CSocketsEngine& engine) { return *engine.iSocket; }
+    static CSocketsReader& Reader(CSocketsEngine& engine) { return *engine.iReader; }
+    static CSocketsWriter& Writer(CSocketsEngine& engine) { return *engine.iWriter; }
+    static bool TimerActive(const CSocketsEngine& engine) { return engine.iTimer->IsActive(); }
+    static int LookupId(const CSocketsEngine& engine) { return engine.iLookupId; }
+    static int NoLookup() { return CSocketsEngine::KNoLookup; }
+    static QNetworkSession* Session(CSocketsEngine& engine) { return engine.iSession; }
+    static void SessionOnDefault(CSocketsEngine& engine) { engine.iSessionRule = CSocketsEngine::ESessionOnDefault; }
+    static void SessionOnInvalid(CSocketsEngine& engine) { engine.iSessionRule = CSocketsEngine::ESessionOnInvalid; }
+};
+
+class CSocketsWriterTestPeer
+{
+public:
+    static int QueueCount(const CSocketsWriter& writer) { return writer.iTransmitList.GetCount(); }
+};
+
+namespace {
+
+using ::testing::_;
+using ::testing::Invoke;
+using ::testing::StrictMock;
+using Peer = CSocketsEngineTestPeer;
+
+constexpr int KDeadlineMs = 10000;
+
+class MockUINotifier : public MUINotifier
+{
+public:
+    MOCK_METHOD(void, OnRecv, (const unsigned char* data, int length), (override));
+    MOCK_METHOD(void, OnSend, (), (override));
+    MOCK_METHOD(void, OnConnected, (), (override));
+    MOCK_METHOD(void, OnClose, (int reason), (override));
+    MOCK_METHOD(void, OnBlock, (), (override));
+    MOCK_METHOD(void, OnOpen, (), (override));
+};
+
+// A loopback server that keeps every connection it accepts.
+class Server
+{
+public:
+    Server()
+    {
+        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
+            while (QTcpSocket* socket = m_server.nextPendingConnection())
+                m_sockets.emplace_back(socket);
+        });
+    }
+    bool Listen() { return m_server.listen(QHostAddress::LocalHost, 0); }
+    int Port() const { return m_server.serverPort(); }
+    int Count() const { return static_cast<int>(m_sockets.size()); }
+    QTcpSocket& At(int index) { return *m_sockets.at(index); }
+    bool WaitForConnections(int count)
+    {
+        return velatest::SpinUntil([this, count] { return Count() >= count; }, KDeadlineMs);
+    }
+    // Everything connection index has received so far, once it holds size bytes.
+    bool WaitForBytes(int index, int size, QByteArray& out)
+    {
+        return velatest::SpinUntil(
+            [&] {
+                out += m_sockets.at(index)->readAll();
+                return out.size() >= size;
+            },
+            KDeadlineMs);
+    }
+    bool WaitForPeerClose(int index)
+    {
+        return velatest::SpinUntil(
+            [&] {
+                m_sockets.at(index)->readAll();
+                return m_sockets.at(index)->state() == QAbstractSocket::UnconnectedState;
+            },
+            KDeadlineMs);
+    }
+
+private:
+    QTcpServer m_server;
+    std::vector<std::unique_ptr<QTcpSocket>> m_sockets;
+};
+
+// A port on 127.0.0.1 where nothing listens: connects to it are refused.
+int RefusingPort()
+{
+    QTcpServer probe;
+    if (!probe.listen(QHostAddress::LocalHost, 0))
+        return 0;
+    const int port = probe.serverPort();
+    probe.close();
+    return port;
+}
+
+// Deletes what an engine left to the event loop.
+void FlushDeferredDeletes()
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+// A connect started with StartConnect to server, waited for up to OnConnected.
+class SocketsEngineTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(m_server.Listen()); }
+
+    void ConnectEngine()
+    {
+        m_engine->SetPort(m_server.Port());
+        EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+        ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+        ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+        ASSERT_TRUE(m_server.WaitForConnections(1));
+        ::testing::Mock::VerifyAndClearExpectations(&m_notifier);
+    }
+
+    Server m_server;
+    StrictMock<MockUINotifier> m_notifier;
+    std::unique_ptr<CSocketsEngine> m_engine{CSocketsEngine::NewL(m_notifier, nullptr)};
+};
+
+// ------------------------------------------------------------ construction
+
+TEST(SocketsEngineConstantsTest, ValuesAsDocumented)
+{
+    EXPECT_EQ(CSocketsEngine::KDefaultPortNumber, 14000);
+    EXPECT_EQ(CSocketsEngine::KTimeOut, 30000000);
+    EXPECT_STREQ(CSocketsEngine::KDefaultServerName, "127.0.0.1");
+    EXPECT_EQ(static_cast<int>(ENotConnected), 0);
+    EXPECT_EQ(static_cast<int>(EConnecting), 1);
+    EXPECT_EQ(static_cast<int>(EConnected), 2);
+    EXPECT_EQ(static_cast<int>(EDisconnected), 5);
+}
+
+TEST_F(SocketsEngineTest, NewEngineIsIdleOnTheDefaultServerWithItsReaderStarted)
+{
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_FALSE(m_engine->Connected());
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    EXPECT_EQ(m_engine->Port(), 14000);
+    EXPECT_EQ(m_engine->ConnectTimeOut(), CSocketsEngine::KTimeOut);
+    EXPECT_FALSE(m_engine->IsCloseConnAndIap());
+    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+}
+
+TEST_F(SocketsEngineTest, AccessorsKeepWhatTheyAreGiven)
+{
+    m_engine->SetServerName("10.1.2.3");
+    m_engine->SetPort(443);
+    m_engine->SetConnectTimeOut(1234);
+    m_engine->Print("ignored");
+    EXPECT_EQ(m_engine->ServerName(), QString("10.1.2.3"));
+    EXPECT_EQ(m_engine->Port(), 443);
+    EXPECT_EQ(m_engine->ConnectTimeOut(), 1234);
+    m_engine->CloseConnAndIap(true);
+    EXPECT_TRUE(m_engine->IsCloseConnAndIap());
+    m_engine->CloseConnAndIap(false);
+    EXPECT_FALSE(m_engine->IsCloseConnAndIap());
+}
+
+// ------------------------------------------------------------ connecting
+
+TEST_F(SocketsEngineTest, DottedAddressConnectsWithoutLookup)
+{
+    m_engine->SetPort(m_server.Port());
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    // No lookup: the connect is under way at once.
+    EXPECT_EQ(m_engine->State(), EConnecting);
+    EXPECT_EQ(Peer::LookupId(*m_engine), Peer::NoLookup());
+    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+
+    EXPECT_CALL(m_notifier, OnConnected()).WillOnce(Invoke([this] {
+        // The owner hears of the connection in the connected state, with
+        // the reader already listening.
+        EXPECT_TRUE(m_engine->Connected());
+        EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+    }));
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->State(), EConnected);
+    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    ASSERT_TRUE(m_server.WaitForConnections(1));
+}
+
+TEST_F(SocketsEngineTest, HostNameIsLookedUpAndReplacedByItsFirstAddress)
+{
+    m_engine->SetServerName("localhost");
+    m_engine->SetPort(m_server.Port());
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_NE(Peer::LookupId(*m_engine), Peer::NoLookup());
+
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    ASSERT_TRUE(m_server.WaitForConnections(1));
+}
+
+TEST_F(SocketsEngineTest, LookupAnswerLeavesTheEngineIdleWhileItsConnectRuns)
+{
+    m_engine->SetServerName("messaging.example");
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL();
+    const int id = Peer::LookupId(*m_engine);
+    ASSERT_NE(id, Peer::NoLookup());
+    QHostInfo::abortHostLookup(id);
+
+    QHostInfo answer(id);
+    answer.setAddresses({QHostAddress("127.0.0.1"), QHostAddress("127.0.0.2")});
+    m_engine->OnGetIPAddress(answer);
+    // Kept on purpose: idle again although the connect is under way.
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    EXPECT_NE(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->State(), EConnected);
+}
+
+TEST_F(SocketsEngineTest, LookupAnswerPrefersItsFirstIPv4Address)
+{
+    m_engine->SetServerName("messaging.example");
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL();
+    const int id = Peer::LookupId(*m_engine);
+    QHostInfo::abortHostLookup(id);
+    QHostInfo answer(id);
+    answer.setAddresses({QHostAddress("::1"), QHostAddress("127.0.0.1")});
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    m_engine->OnGetIPAddress(answer);
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+}
+
+TEST_F(SocketsEngineTest, LookupWithoutResultsStaysIdleAndTellsNobody)
+{
+    m_engine->SetServerName("nothing.example");
+    m_engine->ConnectL();
+    const int id = Peer::LookupId(*m_engine);
+    QHostInfo::abortHostLookup(id);
+    QHostInfo answer(id);
+    answer.setError(QHostInfo::HostNotFound);
+    m_engine->OnGetIPAddress(answer);
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(m_engine->ServerName(), QString("nothing.example"));
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+}
+
+TEST_F(SocketsEngineTest, EmptyServerNameLookupEndsIdleAndSilent)
+{
+    m_engine->SetServerName("");
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return Peer::LookupId(*m_engine) == Peer::NoLookup(); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+}
+
+TEST_F(SocketsEngineTest, AnswerOfACancelledLookupIsIgnored)
+{
+    m_engine->SetServerName("messaging.example");
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL();
+    const int id = Peer::LookupId(*m_engine);
+    m_engine->Disconnect();
+    EXPECT_EQ(Peer::LookupId(*m_engine), Peer::NoLookup());
+
+    QHostInfo answer(id);
+    answer.setAddresses({QHostAddress("127.0.0.1")});
+    m_engine->OnGetIPAddress(answer);
+    EXPECT_EQ(m_engine->ServerName(), QString("messaging.example"));
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+}
+
+TEST_F(SocketsEngineTest, ConnectOnlyStartsFromNotConnected)
+{
+    ConnectEngine();
+    m_engine->ConnectL(QString("127.0.0.2"));
+    m_engine->ConnectL();
+    EXPECT_EQ(m_engine->State(), EConnected);
+    EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(m_server.Count(), 1);
+}
+
+// ------------------------------------------------------------ time-out
+
+TEST_F(SocketsEngineTest, NoAnswerTimesOutSilentlyBackToNotConnected)
+{
+    // Nothing listens on the port, so the connect is refused at once; the
+    // engine does not watch socket errors and waits for its time-out. That
+    // makes the time-out path certain without depending on a network
+    // address that never answers.
+    const int port = RefusingPort();
+    ASSERT_NE(port, 0);
+    m_engine->SetPort(port);
+    m_engine->SetConnectTimeOut(1000000);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil(
+        [this] { return Peer::Socket(*m_engine).state() == QAbstractSocket::UnconnectedState; }, KDeadlineMs));
+    // The refusal itself changes nothing.
+    EXPECT_EQ(m_engine->State(), EConnecting);
+    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+
+    ASSERT_TRUE(velatest::SpinUntil([this] { return !Peer::TimerActive(*m_engine); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_FALSE(m_engine->Connected());
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, TimeOutWhileTheConnectIsStillUnderWayClosesTheSocket)
+{
+    // The time-out fires as if no answer had come, with the connect to a
+    // listening server not yet completed.
+    m_engine->SetPort(m_server.Port());
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_EQ(m_engine->State(), EConnecting);
+    m_engine->TimerExpired();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    // No OnConnected follows (the mock is strict).
+    for (int i = 0; i < 5; ++i)
+        velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, EachConnectUsesTheTimeOutSetBeforeIt)
+{
+    const int port = RefusingPort();
+    m_engine->SetPort(port);
+    m_engine->SetConnectTimeOut(200000);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == ENotConnected; }, KDeadlineMs));
+    // A second attempt after the first timed out.
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_EQ(m_engine->State(), EConnecting);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == ENotConnected; }, KDeadlineMs));
+}
+
+// ------------------------------------------------------------ closing
+
+TEST_F(SocketsEngineTest, PeerCloseReportsOnCloseTwo)
+{
+    ConnectEngine();
+    EXPECT_CALL(m_notifier, OnClose(2)).WillOnce(Invoke([this](int) {
+        EXPECT_FALSE(m_engine->Connected());
+        EXPECT_EQ(m_engine->State(), EDisconnected);
+    }));
+    m_server.At(0).disconnectFromHost();
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == EDisconnected; }, KDeadlineMs));
+    EXPECT_FALSE(m_engine->Connected());
+    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, PeerResetReportsOnCloseTwo)
+{
+    ConnectEngine();
+    EXPECT_CALL(m_notifier, OnClose(2)).Times(1);
+    m_server.At(0).abort();
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == EDisconnected; }, KDeadlineMs));
+}
+
+TEST_F(SocketsEngineTest, DisconnectClosesWithoutReport)
+{
+    ConnectEngine();
+    m_engine->Disconnect();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_FALSE(m_engine->Connected());
+    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_FALSE(m_engine->IsCloseConnAndIap());
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, DisconnectWithUnsentBytesFlushesThemAndStillReportsNothing)
+{
+    ConnectEngine();
+    const QByteArray big(4 * 1024 * 1024, 'q');
+    m_engine->WriteL(big);
+    m_engine->Disconnect();
+    // Qt finishes the close once the bytes are out; that is not reported.
+    QByteArray received;
+    ASSERT_TRUE(m_server.WaitForBytes(0, big.size(), received));
+    EXPECT_EQ(received.size(), big.size());
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+}
+
+TEST_F(SocketsEngineTest, AbortMarksTheConnectionAndReportsNothing)
+{
+    ConnectEngine();
+    m_engine->Abort();
+    EXPECT_TRUE(m_engine->IsCloseConnAndIap());
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+    velatest::ProcessPendingEvents();
+
+    // Every connect clears the mark.
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_FALSE(m_engine->IsCloseConnAndIap());
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+}
+
+TEST_F(SocketsEngineTest, DoCancelWhileConnectingClosesTheSocket)
+{
+    m_engine->SetPort(m_server.Port());
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    m_engine->DoCancel();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    for (int i = 0; i < 5; ++i)
+        velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, DoCancelWhenConnectedOnlyForgetsTheState)
+{
+    ConnectEngine();
+    m_engine->DoCancel();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_FALSE(m_engine->Connected());
+    // The socket itself is closed only while connecting.
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::ConnectedState);
+}
+
+TEST_F(SocketsEngineTest, AfterAPeerCloseANewConnectNeedsDisconnectFirst)
+{
+    ConnectEngine();
+    EXPECT_CALL(m_notifier, OnClose(2)).Times(1);
+    m_server.At(0).disconnectFromHost();
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == EDisconnected; }, KDeadlineMs));
+
+    // From EDisconnected nothing starts.
+    EXPECT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_EQ(m_engine->State(), EDisconnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+
+    m_engine->Disconnect();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    ASSERT_TRUE(m_server.WaitForConnections(2));
+}
+
+TEST_F(SocketsEngineTest, ReconnectAfterOwnDisconnectCarriesData)
+{
+    ConnectEngine();
+    m_engine->Disconnect();
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    ASSERT_TRUE(m_server.WaitForConnections(2));
+    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+
+    QByteArray got;
+    EXPECT_CALL(m_notifier, OnRecv(_, _)).WillRepeatedly(Invoke([&](const unsigned char* data, int length) {
+        got.append(reinterpret_cast<const char*>(data), length);
+    }));
+    m_server.At(1).write("again");
+    ASSERT_TRUE(velatest::SpinUntil([&] { return got.size() >= 5; }, KDeadlineMs));
+    EXPECT_EQ(got, QByteArray("again"));
+}
+
+// ------------------------------------------------------------ data
+
+TEST_F(SocketsEngineTest, WriteBeforeConnectedHasNoEffect)
+{
+    m_engine->SetPort(m_server.Port());
+    m_engine->WriteL("idle");
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    m_engine->WriteL("early");
+    EXPECT_EQ(CSocketsWriterTestPeer::QueueCount(Peer::Writer(*m_engine)), 0);
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    ASSERT_TRUE(m_server.WaitForConnections(1));
+
+    m_engine->WriteL("late");
+    QByteArray received;
+    ASSERT_TRUE(m_server.WaitForBytes(0, 4, received));
+    EXPECT_EQ(received, QByteArray("late"));
+}
+
+TEST_F(SocketsEngineTest, WriteAfterDisconnectIsDropped)
+{
+    ConnectEngine();
+    m_engine->Disconnect();
+    m_engine->WriteL("gone");
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+    EXPECT_TRUE(m_server.At(0).readAll().isEmpty());
+}
+
+TEST_F(SocketsEngineTest, ReceivedBytesGoUpAsOnRecv)
+{
+    ConnectEngine();
+    QByteArray got;
+    EXPECT_CALL(m_notifier, OnRecv(_, _)).WillRepeatedly(Invoke([&](const unsigned char* data, int length) {
+        EXPECT_GT(length, 0);
+        EXPECT_LE(length, 1024);
+        got.append(reinterpret_cast<const char*>(data), length);
+    }));
+    m_server.At(0).write("\x01\x02raw\x00bytes", 11);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return got.size() >= 11; }, KDeadlineMs));
+    EXPECT_EQ(got, QByteArray("\x01\x02raw\x00bytes", 11));
+}
+
+TEST_F(SocketsEngineTest, ReadRestartsTheReaderOnlyWhenConnected)
+{
+    ConnectEngine();
+    Peer::Reader(*m_engine).Stop();
+    m_engine->Read();
+    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+
+    m_engine->Disconnect();
+    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    m_engine->Read();
+    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+}
+
+// ------------------------------------------------------------ reports
+
+struct StatusRow
+{
+    const char* name;
+    int state;
+    int connectedReports;
+    int closeReports;
+};
+
+const StatusRow KStatusRows[] = {
+    {"not_connected", ENotConnected, 0, 0},
+    {"connecting", EConnecting, 0, 0},
+    {"connected", EConnected, 1, 0},
+    {"unused_3", 3, 0, 0},
+    {"unused_4", 4, 0, 0},
+    {"disconnected", EDisconnected, 0, 1},
+};
+
+class ChangeStatusTest : public ::testing::TestWithParam<StatusRow>
+{
+};
+
+TEST_P(ChangeStatusTest, StoresTheStateAndNotifiesAsDocumented)
+{
+    const StatusRow row = GetParam();
+    StrictMock<MockUINotifier> notifier;
+    std::unique_ptr<CSocketsEngine> engine(CSocketsEngine::NewL(notifier, nullptr));
+    EXPECT_CALL(notifier, OnConnected()).Times(row.connectedReports);
+    EXPECT_CALL(notifier, OnClose(2)).Times(row.closeReports);
+    engine->ChangeStatus(static_cast<TSocketsEngineState>(row.state));
+    EXPECT_EQ(static_cast<int>(engine->State()), row.state);
+    EXPECT_EQ(engine->Connected(), row.state == EConnected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ChangeStatusTest, ::testing::ValuesIn(KStatusRows),
+                         [](const ::testing::TestParamInfo<StatusRow>& info) { return std::string(info.param.name); });
+
+TEST_F(SocketsEngineTest, ReaderAndBearerEventsAreForwarded)
+{
+    const unsigned char bytes[3] = {'a', 'b', 'c'};
+    ::testing::InSequence order;
+    EXPECT_CALL(m_notifier, OnRecv(bytes, 3));
+    EXPECT_CALL(m_notifier, OnRecv(bytes, 0));
+    EXPECT_CALL(m_notifier, OnRecv(bytes, -1));
+    EXPECT_CALL(m_notifier, OnSend());
+    EXPECT_CALL(m_notifier, OnBlock());
+    EXPECT_CALL(m_notifier, OnOpen());
+    m_engine->ResponseReceived(bytes, 3);
+    m_engine->ResponseReceived(bytes, 0);
+    m_engine->ResponseReceived(bytes, -1);
+    m_engine->NotifySendData();
+    m_engine->OnIapTransferBlocked();
+    m_engine->OnIapTransferOpen();
+    // Errors are not passed on.
+    m_engine->ReportError(MEngineNotifier::EGeneralReadError, 5);
+    m_engine->ReportError(MEngineNotifier::EGeneralWriteError, -1);
+}
+
+// ------------------------------------------------------------ access point
+
+TEST(SocketsEngineIapTest, DestructorLeavesTheAccessPointEngineItWasAddedTo)
+{
+    std::unique_ptr<CIAPConnectEngine> iap(CIAPConnectEngine::NewL("test-iap"));
+    StrictMock<MockUINotifier> notifier;
+    CSocketsEngine* engine = CSocketsEngine::NewL(notifier, iap.get());
+    // The engine does not register itself.
+    EXPECT_FALSE(iap->HasConnectStateObserver(engine));
+    iap->AddConnectStateObserver(engine);
+    ASSERT_TRUE(iap->HasConnectStateObserver(engine));
+    delete engine;
+    EXPECT_EQ(iap->GetConnectStateObserverCount(), 0);
+}
+
+TEST(SocketsEngineIapTest, DestructorIsHarmlessWhenNeverAdded)
+{
+    std::unique_ptr<CIAPConnectEngine> iap(CIAPConnectEngine::NewL("test-iap"));
+    MockUINotifier other;
+    StrictMock<MockUINotifier> notifier;
+    std::unique_ptr<CSocketsEngine> registered(CSocketsEngine::NewL(other, iap.get()));
+    iap->AddConnectStateObserver(registered.get());
+    delete CSocketsEngine::NewL(notifier, iap.get());
+    EXPECT_EQ(iap->GetConnectStateObserverCount(), 1);
+    EXPECT_TRUE(iap->HasConnectStateObserver(registered.get()));
+}
+
+TEST(SocketsEngineIapTest, AccessPointEngineMayGoFirst)
+{
+    CIAPConnectEngine* iap = CIAPConnectEngine::NewL("test-iap");
+    StrictMock<MockUINotifier> notifier;
+    std::unique_ptr<CSocketsEngine> engine(CSocketsEngine::NewL(notifier, iap));
+    iap->AddConnectStateObserver(engine.get());
+    delete iap;
+    engine.reset();
+}
+
+// ------------------------------------------------------------ network session
+
+TEST_F(SocketsEngineTest, SessionIsOpenedOnlyWhereThePlatformRequiresOne)
+{
+    ConnectEngine();
+    // This machine's bearer management asks for no session.
+    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+}
+
+TEST_F(SocketsEngineTest, OpenedSessionIsKeptAndItsCloseReportsOnCloseTwo)
+{
+    Peer::SessionOnDefault(*m_engine);
+    ConnectEngine();
+    QNetworkSession* session = Peer::Session(*m_engine);
+    ASSERT_NE(session, nullptr);
+    EXPECT_EQ(session->parent(), m_engine.get());
+
+    EXPECT_CALL(m_notifier, OnClose(2)).Times(1);
+    emit session->closed();
+    EXPECT_EQ(m_engine->State(), EDisconnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    // The session is opened once; later connects keep it.
+    m_engine->Disconnect();
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_EQ(Peer::Session(*m_engine), session);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    m_engine->reconnectNetworkSession();
+    EXPECT_TRUE(m_engine->Connected());
+}
+
+TEST_F(SocketsEngineTest, SessionThatDoesNotOpenRefusesTheConnectOnce)
+{
+    Peer::SessionOnInvalid(*m_engine);
+    m_engine->SetPort(m_server.Port());
+    EXPECT_EQ(m_engine->StartConnect(), CSocketsEngine::KSessionNotOpened);
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    QNetworkSession* session = Peer::Session(*m_engine);
+    ASSERT_NE(session, nullptr);
+
+    // Reopening fails again, quietly.
+    m_engine->reconnectNetworkSession();
+    EXPECT_EQ(Peer::Session(*m_engine), session);
+
+    // The kept session is not opened again: the next call connects.
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    EXPECT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+}
+
+TEST_F(SocketsEngineTest, ReconnectWithoutSessionDoesNothing)
+{
+    m_engine->reconnectNetworkSession();
+    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+}
+
+// ------------------------------------------------------------ owner deletes in a report
+
+TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideOnConnected)
+{
+    m_engine->SetPort(m_server.Port());
+    EXPECT_CALL(m_notifier, OnConnected()).WillOnce(Invoke([this] { m_engine.reset(); }));
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine == nullptr; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    FlushDeferredDeletes();
+    ASSERT_TRUE(m_server.WaitForConnections(1));
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+}
+
+TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideOnRecv)
+{
+    ConnectEngine();
+    EXPECT_CALL(m_notifier, OnRecv(_, 4)).WillOnce(Invoke([this](const unsigned char*, int) { m_engine.reset(); }));
+    m_server.At(0).write("data");
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine == nullptr; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    FlushDeferredDeletes();
+    ASSERT_TRUE(m_server.WaitForPeerClose(0));
+}
+
+TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideOnClose)
+{
+    ConnectEngine();
+    EXPECT_CALL(m_notifier, OnClose(2)).WillOnce(Invoke([this](int) { m_engine.reset(); }));
+    m_server.At(0).disconnectFromHost();
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine == nullptr; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    FlushDeferredDeletes();
+}
+
+TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideTheSessionsClose)
+{
+    Peer::SessionOnDefault(*m_engine);
+    ConnectEngine();
+    QNetworkSession* session = Peer::Session(*m_engine);
+    ASSERT_NE(session, nullptr);
+    EXPECT_CALL(m_notifier, OnClose(2)).WillOnce(Invoke([this](int) { m_engine.reset(); }));
+    emit session->closed();
+    EXPECT_EQ(m_engine, nullptr);
+    FlushDeferredDeletes();
+}
+
+}  // namespace
+
+QT_WARNING_POP
