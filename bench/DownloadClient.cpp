@@ -2,23 +2,28 @@
 // one CMLHttpEngine whose notifier counts and discards the body pieces, the
 // way an owner that streams a download elsewhere would.
 //
-//   velanet-download URL [--expect BYTES] [--timeout SECONDS]
+//   velanet-download URL [--gzip] [--expect BYTES] [--timeout SECONDS]
+//
+// --gzip carries the current-page request id, the one id whose requests ask
+// for "Accept-Encoding: gzip"; the engine then hands on the decoded body.
+// (That id also reports redirects instead of following them.)
 //
 // Prints one "name value" pair per line:
-//   bytes N            body bytes reported to the notifier
+//   bytes N            body bytes reported to the notifier (decoded ones
+//                      with --gzip)
 //   seconds S          wall time from DoGet to completion
 //   rss-before-kib K   resident set just before DoGet
 //   hwm-kib K          peak resident set from DoGet to completion
 // Exit status 0 when the body completed (with BYTES bytes, if given), 1 on
 // a failure report or a size mismatch, 2 on time-out, 3 on bad arguments.
 
+#include "bench/ProcessStats.h"
 #include "src/HttpObserver.h"
 #include "src/MLHttpEngine.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QTimer>
 
 #include <cstdio>
@@ -38,28 +43,8 @@ const int KDefaultTimeoutSeconds = 600;
 const int KMaxTimeoutSeconds = 86400;
 // Ordinary download id: redirects are followed by the engine itself.
 const int KRequestId = 1;
-
-// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"); -1 when unreadable.
-long long StatusKib(const char* name)
-{
-    QFile status("/proc/self/status");
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray key = QByteArray(name) + ':';
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith(key))
-            return line.mid(key.size()).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
-
-// Starts the peak resident set count afresh (Linux: "5" to clear_refs).
-void ResetPeakRss()
-{
-    QFile refs("/proc/self/clear_refs");
-    if (refs.open(QIODevice::WriteOnly))
-        refs.write("5");
-}
+// The id that asks for gzip.
+const int KGzipRequestId = CMLHttpEngine::KIdCurrentPage;
 
 class DiscardingNotifier : public MHttpNotifier
 {
@@ -85,7 +70,23 @@ public:
         return 1;
     }
 
-    int HttpEventNotify(int, int) override { return 1; }
+    int HttpEventNotify(int, int event) override
+    {
+        // Progress events go on; a body that does not decode ends the run.
+        if (event == CMLHttpEngine::KEventDecompressFailed) {
+            std::fprintf(stderr, "velanet-download: gzip body did not decode\n");
+            Finish(KExitFailed);
+        }
+        return 1;
+    }
+
+    int HttpEngine_URLChange(int, CQSString& location) override
+    {
+        // The benchmark serves no redirect: one means a wrong URL.
+        std::fprintf(stderr, "velanet-download: redirected to %s\n", location.GetDataPtr());
+        Finish(KExitFailed);
+        return 0;
+    }
 
     int HttpErrorNotify(int, int event) override
     {
@@ -115,7 +116,7 @@ private:
 
 int Usage()
 {
-    std::fprintf(stderr, "usage: velanet-download URL [--expect BYTES] [--timeout SECONDS]\n");
+    std::fprintf(stderr, "usage: velanet-download URL [--gzip] [--expect BYTES] [--timeout SECONDS]\n");
     return KExitUsage;
 }
 
@@ -128,10 +129,13 @@ int main(int argc, char** argv)
     QByteArray url;
     long long expected = -1;
     int timeoutSeconds = KDefaultTimeoutSeconds;
+    bool gzip = false;
     for (int i = 1; i < args.size(); ++i) {
         bool ok = true;
         if (args[i] == "--expect" && i + 1 < args.size())
             expected = args[++i].toLongLong(&ok);
+        else if (args[i] == "--gzip")
+            gzip = true;
         else if (args[i] == "--timeout" && i + 1 < args.size())
             timeoutSeconds = args[++i].toInt(&ok);
         else if (url.isEmpty() && !args[i].startsWith("--"))
@@ -146,12 +150,12 @@ int main(int argc, char** argv)
 
     DiscardingNotifier notifier;
     std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
-    engine->SetRequestID(KRequestId);
+    engine->SetRequestID(gzip ? KGzipRequestId : KRequestId);
 
     QTimer::singleShot(timeoutSeconds * 1000, &app, [] { QCoreApplication::exit(KExitTimedOut); });
 
-    const long long rssBefore = StatusKib("VmRSS");
-    ResetPeakRss();
+    const long long rssBefore = velabench::StatusKib("VmRSS");
+    velabench::ResetPeakRss();
     QElapsedTimer clock;
     clock.start();
     if (!engine->DoGet(url.constData(), nullptr, -1)) {
@@ -161,7 +165,7 @@ int main(int argc, char** argv)
     // A report made inside DoGet comes before the loop runs.
     int code = notifier.Finished() ? notifier.Code() : app.exec();
     const double seconds = static_cast<double>(clock.nsecsElapsed()) / 1e9;
-    const long long hwm = StatusKib("VmHWM");
+    const long long hwm = velabench::StatusKib("VmHWM");
     engine->CancelRequest();
 
     std::printf("bytes %lld\nseconds %.6f\nrss-before-kib %lld\nhwm-kib %lld\n", notifier.Bytes(), seconds, rssBefore,
