@@ -43,6 +43,14 @@
 // answer is stored in the cache and used; an answer without one falls back
 // on any cached entry, however old, and only then reports 36. The answer of
 // a lookup that was cancelled is ignored.
+//
+// Resumable upload. A block request is its text followed directly by the
+// block's bytes, written with one call; the path of each block is the key
+// followed by the MD5 of exactly those bytes. Once the socket has written
+// the whole block, the engine waits for the reply; one read is one reply
+// (a reply split across reads is not joined) and only its "Range: " line
+// counts. The reply timer runs from each block's write to its reply and
+// reports to the owner's timer observer; the engine does not act on it.
 
 #include "src/CQHttpSocketEngine.h"
 
@@ -53,11 +61,14 @@
 
 #include <QHostAddress>
 #include <QMetaObject>
+#include <QPointer>
 #include <QSslConfiguration>
 #include <QSslSocket>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace {
@@ -89,6 +100,42 @@ enum
 // QHostInfo id of no lookup.
 constexpr int KNoLookup = -1;
 
+// DoSendOLFile: no memory for the block buffer.
+constexpr int KNoMemory = -1;
+// BuildOLBlock: the block cannot be built.
+constexpr int KNoBlock = -1;
+
+// A block request text: "POST " path KOLAfterPath host KOLAfterHost.
+const char KOLBeforePath[] = "POST ";
+const char KOLAfterPath[] = " HTTP/1.1\r\n"
+                            "User-Agent: VelaClient\r\n"
+                            "Host: ";
+const char KOLAfterHost[] = "\r\n"
+                            "Connection: Keep-Alive\r\n"
+                            "Content-Length: \r\n"
+                            "Range: bytes=-\r\n"
+                            "\r\n";
+// The one field of a block reply that is read.
+const char KOLRangeField[] = "Range: ";
+// 32 hexadecimal digits of the block's MD5 follow the key in the path.
+constexpr int KMd5HexLength = 32;
+
+constexpr int TextLength(const char* text)
+{
+    int n = 0;
+    while (text[n] != '\0')
+        ++n;
+    return n;
+}
+
+int LengthOf(const char* text)
+{
+    if (text == nullptr)
+        return 0;
+    const size_t n = std::strlen(text);
+    return n > static_cast<size_t>(INT_MAX) ? INT_MAX : static_cast<int>(n);
+}
+
 // CA certificates trusted for https besides the system's.
 QList<QSslCertificate>& ExtraCaCertificates()
 {
@@ -97,6 +144,33 @@ QList<QSslCertificate>& ExtraCaCertificates()
 }
 
 }  // namespace
+
+class CQHttpSocketEngine::OLTimerRelay : public CQTimerObserver
+{
+public:
+    explicit OLTimerRelay(CQHttpSocketEngine& engine) : m_engine(engine) {}
+
+    void SetTarget(CQTimerObserver* target) { m_target = target; }
+
+    void OnTimerExpired(CQTimer* timer) override
+    {
+        CQTimerObserver* target = m_target;
+        if (target == nullptr)
+            return;
+        // The observer may stop the timer (it is then deleted later, not
+        // inside its own signal) or destroy the whole engine, this relay
+        // included: after the report only locals are used.
+        QPointer<CQHttpSocketEngine> engine(&m_engine);
+        m_engine.iOLTimerFiring = timer;
+        target->OnTimerExpired(timer);
+        if (engine)
+            engine->iOLTimerFiring = nullptr;
+    }
+
+private:
+    CQHttpSocketEngine& m_engine;
+    CQTimerObserver* m_target = nullptr;
+};
 
 // ---------------------------------------------------------------- creation
 
@@ -143,6 +217,7 @@ CQHttpSocketEngine::~CQHttpSocketEngine()
     iSecureSocket = nullptr;
     delete[] iOLBlock;
     iOLBlock = nullptr;
+    // The reply timers are children of the engine and go with it.
 }
 
 void CQHttpSocketEngine::ConnectSocketSignals(QTcpSocket* socket)
@@ -456,8 +531,19 @@ void CQHttpSocketEngine::HandleSocketFailure(quint64 connection, QAbstractSocket
     ++iConnection;
     ++iGeneration;
     if (error == QAbstractSocket::RemoteHostClosedError && iReadArmed && iStatus == HSES_Receiving) {
-        EndBodyByClose(CurrentSocket());
-        return;
+        if (iSendMode != KSendModeOLFile) {
+            EndBodyByClose(CurrentSocket());
+            return;
+        }
+        // An upload has no body to end: a reply that came with the close
+        // is still acted upon (a next block then fails as event 34), and a
+        // close without one is event 34.
+        if (CurrentSocket()->bytesAvailable() > 0) {
+            iReadArmed = false;
+            iBusy = false;
+            HandleOLReply(CurrentSocket());
+            return;
+        }
     }
     // Outside the socket's own signal now, the connection can be dropped
     // for good; a cancel by the owner finds the engine idle already.
@@ -516,12 +602,34 @@ int CQHttpSocketEngine::DoSendFile(CQPostFileHeaderUnit& unit, bool owns)
     return HandleSendData(&iFileUnit);
 }
 
-int CQHttpSocketEngine::DoSendOLFile(CQPostOLFileHeaderUnit&, bool)
+int CQHttpSocketEngine::DoSendOLFile(CQPostOLFileHeaderUnit& unit, bool)
 {
-    // The resumable upload (its block requests, replies and reply timer
-    // use) is carried by a protocol of its own that this build does not
-    // include yet; the upload is refused rather than started half-way.
-    return KRefused;
+    const char* key = unit.m_pKey != nullptr ? unit.m_pKey : "";
+    const char* host = unit.m_strHost.GetDataPtr();
+    // Every later block must fit iOLBlock beside its request text.
+    if (!OLBlockFits(LengthOf(key), LengthOf(host), unit.m_nBlockSize))
+        return KRefused;
+    ++iGeneration;
+    static_cast<void>(iOLKey.SetData(key));
+    iFileUnit.ClearAll();
+    // A file that cannot be opened uploads as an empty one.
+    static_cast<void>(iFileUnit.SetFile(unit.m_strFilePath, KSliceSize));
+    iSendMode = KSendModeOLFile;
+    iOLState = OLS_Idle;
+    iFileUnit.m_nResumeBlockSize = unit.m_nBlockSize;
+
+    delete[] iOLBlock;
+    iOLBlock = new (std::nothrow) unsigned char[KOLBlockSize];
+    if (iOLBlock == nullptr)
+        return KNoMemory;
+
+    const int n = std::min(iFileUnit.m_nFileLength, KOLFirstBlockMax);
+    int got = 0;
+    const int total = BuildOLBlock(n, 0, host, got);
+    if (total == KNoBlock)
+        return KRefused;
+    iOLState = OLS_FirstBlock;
+    return SendOLBlock(total);
 }
 
 void CQHttpSocketEngine::DoClearSendInfo()
@@ -601,8 +709,7 @@ void CQHttpSocketEngine::OnDataSend(qint64)
         ContinueSend(&iFileUnit);
         return;
     case KSendModeOLFile:
-        // Nothing sets this mode until the resumable upload is part of the
-        // build (DoSendOLFile refuses); its blocks are paced there.
+        ContinueOLSend();
         return;
     }
     QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
@@ -660,10 +767,14 @@ void CQHttpSocketEngine::OnDataReceive()
         return;
     iBusy = false;
     iReadArmed = false;
+    if (iSendMode == KSendModeOLFile) {
+        HandleOLReply(socket);
+        return;
+    }
     const quint64 generation = iGeneration;
     for (;;) {
         const int n = ReadBlock(socket);
-        if (n <= 0 || socket->bytesAvailable() <= 0 || iSendMode == KSendModeOLFile) {
+        if (n <= 0 || socket->bytesAvailable() <= 0) {
             // The last block of this read: handing it up re-arms reception.
             static_cast<void>(HandleRecvData());
             return;
@@ -792,12 +903,27 @@ void CQHttpSocketEngine::SetOLFileTimerObserver(CQTimerObserver* observer)
     iOLTimerObserver = observer;
 }
 
+void CQHttpSocketEngine::SetOLFileReplyTimeOut(int ms)
+{
+    iOLReplyTimeOut = ms < 0 ? 0 : ms;
+}
+
 void CQHttpSocketEngine::StartOLFileRecvTimer(CQTimerObserver* observer, int ms)
 {
     StopOLFileRecvTimer();
+    // Without an observer a timer would have nobody to tell.
+    if (observer == nullptr)
+        return;
+    if (!iOLTimerRelay) {
+        iOLTimerRelay.reset(new (std::nothrow) OLTimerRelay(*this));
+        if (!iOLTimerRelay)
+            return;
+    }
+    iOLTimerRelay->SetTarget(observer);
+    // A child of the engine: released with it at the latest.
     iOLTimer = new (std::nothrow) CQTimer(this);
     if (iOLTimer != nullptr)
-        static_cast<void>(iOLTimer->StartTimer(observer, ms, ms, CQTimer::KModeRepeat));
+        static_cast<void>(iOLTimer->StartTimer(iOLTimerRelay.get(), ms, ms, CQTimer::KModeRepeat));
 }
 
 void CQHttpSocketEngine::StopOLFileRecvTimer()
@@ -815,15 +941,203 @@ void CQHttpSocketEngine::DoStopOLFileTimer()
 
 void CQHttpSocketEngine::ForgetOLTimer()
 {
-    // The stop may come from inside the timer's own callback, which
-    // CQTimer allows.
-    delete iOLTimer;
+    CQTimer* timer = iOLTimer;
     iOLTimer = nullptr;
+    if (timer == nullptr)
+        return;
+    // Never delete a timer inside its own signal.
+    if (timer == iOLTimerFiring)
+        timer->deleteLater();
+    else
+        delete timer;
 }
 
 unsigned int CQHttpSocketEngine::GetOLFileServerSavedLength() const
 {
-    // Replies of the resumable upload are read only by that protocol (not
-    // in this build), so no reply is ever held here.
-    return 0;
+    unsigned int saved = 0;
+    static_cast<void>(FindOLFileSavedLength(reinterpret_cast<const unsigned char*>(iReceiveBuffer.constData()),
+                                            iReceiveLength, saved));
+    return saved;
+}
+
+bool CQHttpSocketEngine::FindOLFileSavedLength(const unsigned char* data, int len, unsigned int& saved)
+{
+    saved = 0;
+    if (data == nullptr || len <= 0)
+        return false;
+    const int fieldLen = TextLength(KOLRangeField);
+    const char* text = reinterpret_cast<const char*>(data);
+    for (int at = 0; at + fieldLen <= len; ++at) {
+        // A field starts a line: "Content-Range: " is not this field.
+        if (at > 0 && text[at - 1] != '\n')
+            continue;
+        if (std::memcmp(text + at, KOLRangeField, static_cast<size_t>(fieldLen)) != 0)
+            continue;
+        const int from = at + fieldLen;
+        int to = from;
+        while (to < len && !(text[to] == '\r' && to + 1 < len && text[to + 1] == '\n'))
+            ++to;
+        CQSString value;
+        if (to > from)
+            static_cast<void>(value.SetData(data + from, to - from));
+        saved = value.ToUINT();
+        return true;
+    }
+    return false;
+}
+
+int CQHttpSocketEngine::OLRequestTextLength(int pathLen, int hostLen)
+{
+    const long long n = static_cast<long long>(TextLength(KOLBeforePath)) + pathLen + TextLength(KOLAfterPath) +
+                        hostLen + TextLength(KOLAfterHost);
+    return n > INT_MAX ? INT_MAX : static_cast<int>(n);
+}
+
+bool CQHttpSocketEngine::OLBlockFits(int keyLen, int hostLen, int blockSize)
+{
+    if (keyLen < 0 || hostLen < 0 || blockSize < 1 || keyLen > KOLRequestTextSize ||
+        hostLen > KOLRequestTextSize)
+        return false;
+    const int text = OLRequestTextLength(keyLen + KMd5HexLength, hostLen);
+    // The text keeps a terminating zero in its array.
+    if (text >= KOLRequestTextSize)
+        return false;
+    return blockSize <= KOLBlockSize - text;
+}
+
+char* CQHttpSocketEngine::GetPostOLFileMethodData(char* path, unsigned long, unsigned long, const char* host)
+{
+    if (path == nullptr)
+        return nullptr;
+    // A host given is remembered for the later blocks.
+    if (host != nullptr)
+        static_cast<void>(iOLHost.SetData(host));
+    const char* hostText = host != nullptr ? host : iOLHost.GetDataPtr();
+    const int pathLen = LengthOf(path);
+    const int hostLen = LengthOf(hostText);
+    if (pathLen >= KOLRequestTextSize || hostLen >= KOLRequestTextSize ||
+        OLRequestTextLength(pathLen, hostLen) >= KOLRequestTextSize)
+        return nullptr;
+    char* text = new (std::nothrow) char[KOLRequestTextSize]();
+    if (text == nullptr)
+        return nullptr;
+    char* out = text;
+    auto put = [&out](const char* part, int n) {
+        std::memcpy(out, part, static_cast<size_t>(n));
+        out += n;
+    };
+    put(KOLBeforePath, TextLength(KOLBeforePath));
+    put(path, pathLen);
+    put(KOLAfterPath, TextLength(KOLAfterPath));
+    put(hostText, hostLen);
+    put(KOLAfterHost, TextLength(KOLAfterHost));
+    return text;
+}
+
+int CQHttpSocketEngine::BuildOLBlock(int n, unsigned long start, const char* host, int& got)
+{
+    got = 0;
+    if (iOLBlock == nullptr || n < 0)
+        return KNoBlock;
+    const std::unique_ptr<char[]> md5(iFileUnit.GetBufMd5(n));
+    if (!md5)
+        return KNoBlock;
+    CQSString path;
+    if (!path.SetData(iOLKey.GetDataPtr()) || !path.AppendData(md5.get()))
+        return KNoBlock;
+    const std::unique_ptr<char[]> text(
+        GetPostOLFileMethodData(const_cast<char*>(path.GetDataPtr()), start, static_cast<unsigned long>(n), host));
+    if (!text)
+        return KNoBlock;
+    const int textLen = LengthOf(text.get());
+    // Never past the block buffer, whatever the block size.
+    if (n > KOLBlockSize - textLen)
+        return KNoBlock;
+    std::memcpy(iOLBlock, text.get(), static_cast<size_t>(textLen));
+    if (n > 0)
+        got = iFileUnit.OLFileLoadData(iOLBlock + textLen, n);
+    return textLen + got;
+}
+
+int CQHttpSocketEngine::SendOLBlock(int total)
+{
+    QTcpSocket* socket = CurrentSocket();
+    if (socket->state() != QAbstractSocket::ConnectedState)
+        return KRefused;
+    iOLSendBuffer = QByteArray(reinterpret_cast<const char*>(iOLBlock), total);
+    iStatus = HSES_Sending;
+    iBusy = true;
+    socket->write(iOLSendBuffer);
+    StartOLFileRecvTimer(iOLTimerObserver, iOLReplyTimeOut);
+    return KDone;
+}
+
+void CQHttpSocketEngine::ContinueOLSend()
+{
+    // A late notification, or one that leaves bytes of the block waiting.
+    if (iStatus != HSES_Sending)
+        return;
+    QTcpSocket* socket = CurrentSocket();
+    if (WaitingBytes(socket) > 0)
+        return;
+    if (iOLState == OLS_FirstBlock)
+        iOLState = OLS_WaitingReplies;
+    // The reply to this block is all that counts now: what an earlier
+    // reply left over is dropped.
+    iReceiveLength = 0;
+    DropRestOfRead(socket);
+    DoReceive();
+}
+
+void CQHttpSocketEngine::FinishOLUpload()
+{
+    iStatus = HSES_Idle;
+    iBusy = false;
+    iFileUnit.ClearAll();
+}
+
+void CQHttpSocketEngine::HandleOLReply(QTcpSocket* socket)
+{
+    static_cast<void>(ReadBlock(socket));
+    DropRestOfRead(socket);
+    StopOLFileRecvTimer();
+
+    const unsigned int saved = GetOLFileServerSavedLength();
+    if (saved == 0) {
+        FinishOLUpload();
+        if (iObserver != nullptr)
+            iObserver->OnSocketEngine_SendData(nullptr, KOLNoProgress);
+        return;
+    }
+    const long long fileRead = iFileUnit.m_nFileRead;
+    const long long fileLength = iFileUnit.m_nFileLength;
+    const long long pos = std::max<long long>(fileRead, saved);
+    const int progress = pos > INT_MAX ? INT_MAX : static_cast<int>(pos);
+    if (pos >= fileLength) {
+        FinishOLUpload();
+        if (iObserver != nullptr)
+            iObserver->OnSocketEngine_SendData(nullptr, progress);
+        return;
+    }
+
+    // Kept on purpose: the block's length follows from pos, but its bytes
+    // come from the read position (fileRead), which is not moved to pos; the
+    // server stores whatever follows the request text.
+    const int n = static_cast<int>(std::min<long long>(iFileUnit.m_nResumeBlockSize, fileLength - pos));
+    int got = 0;
+    const int total = BuildOLBlock(n, static_cast<unsigned long>(pos), nullptr, got);
+    if (total == KNoBlock || got < 1) {
+        // The file gives no more bytes: the upload cannot go on.
+        FinishOLUpload();
+        if (iObserver != nullptr)
+            iObserver->OnSocketEngine_SendData(nullptr, KOLNoProgress);
+        return;
+    }
+    if (SendOLBlock(total) != KDone) {
+        FinishOLUpload();
+        SetSocketEvent(KEventSocketError, 0);
+        return;
+    }
+    if (iObserver != nullptr)
+        iObserver->OnSocketEngine_SendData(nullptr, progress);
 }

@@ -13,6 +13,13 @@
 //   100 --ConnectL, cache hit or literal address--> 104 connecting
 //   104 --connected--> 106 --slice written--> 107 --all sent--> 108 receiving
 //   any --socket error--> 100;  CancelEngine --> 100
+//
+// Resumable upload (send mode 2): each block of the file is a request of its
+// own on the same connection; the server's reply says how much of the file
+// it holds, and the next block follows from there.
+//   DoSendOLFile: first block (at most 1000 bytes) --> 107, olState 1
+//   107 --block written--> 108 (olState 2) --reply--> next block 107,
+//   or 100 when the server holds the whole file or the reply has no Range.
 
 #include "BaseClass/src/CLimitedCounter.h"
 #include "BaseClass/src/CQString.h"
@@ -28,6 +35,8 @@
 #include <QSslError>
 #include <QString>
 #include <QTcpSocket>
+
+#include <memory>
 
 class CQPostFileHeaderUnit;
 class CQPostOLFileHeaderUnit;
@@ -79,6 +88,25 @@ public:
     static constexpr int KSliceSize = 1024;
     static constexpr int KMaxServerNameLength = 256;
 
+    // Resumable upload progress (olState).
+    enum enOLState : int
+    {
+        OLS_Idle = 0,            // no block written yet
+        OLS_FirstBlock = 1,      // the first block is on its way; its bytes-written moves on
+        OLS_WaitingReplies = 2,  // every reply leads to the next block or to the end
+    };
+
+    // Room for one block request: its text and the block's bytes.
+    static constexpr int KOLBlockSize = 20480;
+    // Size of the array a block request text is built in (text and a zero).
+    static constexpr int KOLRequestTextSize = 1024;
+    // Bytes of the file carried by the first block at most.
+    static constexpr int KOLFirstBlockMax = 1000;
+    // How long a block's reply may take, until SetOLFileReplyTimeOut.
+    static constexpr int KOLReplyTimeOutMs = 120000;
+    // Progress reported when a reply says nothing of the file.
+    static constexpr int KOLNoProgress = -1;
+
     // The two integers are accepted and ignored.
     static CQHttpSocketEngine* NewL(MSocketEngineObserver* observer, int, int);
     static CQHttpSocketEngine* NewLC(MSocketEngineObserver* observer, int, int);
@@ -119,7 +147,32 @@ public:
     void StartOLFileRecvTimer(CQTimerObserver* observer, int ms);
     void StopOLFileRecvTimer();
     void DoStopOLFileTimer();
+    // The "Range: " value of the reply last read in send mode 2, or 0.
     unsigned int GetOLFileServerSavedLength() const;
+    // The request text of one block, in a new zero-filled array of
+    // KOLRequestTextSize bytes (new[], the caller frees it): "POST " path
+    // " HTTP/1.1", the agent, "Host: " host (null: the host remembered from
+    // the last non-null host), Keep-Alive, then a Content-Length and a Range
+    // line that carry no numbers (start and length are not written: the
+    // server takes the block's extent from the bytes after the text). Null
+    // when path is null or the text would not fit the array.
+    char* GetPostOLFileMethodData(char* path, unsigned long start, unsigned long length, const char* host);
+    // Length of that text for a path of pathLen and a host of hostLen bytes.
+    [[nodiscard]] static int OLRequestTextLength(int pathLen, int hostLen);
+    // Whether every block of an upload with this key, host and block size
+    // fits olBlock beside its request text (path = key and 32 hex digits).
+    [[nodiscard]] static bool OLBlockFits(int keyLen, int hostLen, int blockSize);
+    // Parser of a block reply: the decimal value of its "Range: " field (at
+    // the start of a line, up to the next CRLF or the end of the bytes).
+    // False, and saved = 0, when the reply has no such field.
+    [[nodiscard]] static bool FindOLFileSavedLength(const unsigned char* data, int len, unsigned int& saved);
+    // The reply time-out of the blocks (ms); negative counts as 0.
+    void SetOLFileReplyTimeOut(int ms);
+    int GetOLFileReplyTimeOut() const { return iOLReplyTimeOut; }
+    enOLState GetOLState() const { return static_cast<enOLState>(iOLState); }
+    const CQSString& GetOLKey() const { return iOLKey; }
+    const CQSString& GetOLHost() const { return iOLHost; }
+    int GetSendMode() const { return iSendMode; }
 
     // Kept for callers of the platform version; they do nothing.
     void StartTimer(int);
@@ -173,7 +226,6 @@ private:
     static constexpr int KPacedSlices = 4;
     static constexpr int KDnsCounterMax = 3;
     static constexpr int KUnusedTimeOut = 30000;
-    static constexpr int KOLBlockSize = 20480;
 
     friend class CQHttpSocketEngineTestPeer;
 
@@ -214,6 +266,20 @@ private:
     void EndBodyByClose(QTcpSocket* socket);
     // Frees the reply timer (also from inside its own callback).
     void ForgetOLTimer();
+    // Passes the reply timer's expiry on and notes which timer is calling.
+    class OLTimerRelay;
+    // Builds the request of a block of n file bytes into iOLBlock and reads
+    // the bytes after it from the file's read position; the count read goes
+    // to got. The block's length, or KNoBlock.
+    [[nodiscard]] int BuildOLBlock(int n, unsigned long start, const char* host, int& got);
+    // Writes the first total bytes of iOLBlock and starts the reply timer.
+    [[nodiscard]] int SendOLBlock(int total);
+    // A block was written (bytes-written in send mode 2).
+    void ContinueOLSend();
+    // One read is one reply: the next block, or the end of the upload.
+    void HandleOLReply(QTcpSocket* socket);
+    // The upload is over: idle, file unit cleared.
+    void FinishOLUpload();
 
     QTcpSocket iSocket;                   // the plain connection (a child of the engine)
     QString iServerIp;                    // the dotted address last given to ConnectByIP
@@ -241,6 +307,9 @@ private:
     void* iOLHttp = nullptr;                      // not owned, not used
     CQTimer* iOLTimer = nullptr;                  // the running reply timer, a child
     CQTimerObserver* iOLTimerObserver = nullptr;  // not owned
+    int iOLReplyTimeOut = KOLReplyTimeOutMs;
+    std::unique_ptr<OLTimerRelay> iOLTimerRelay;  // the observer of iOLTimer
+    CQTimer* iOLTimerFiring = nullptr;            // the timer whose expiry is being reported
     bool iBusy = false;
 
     bool iReadArmed = false;   // reception armed: readyRead is acted upon

@@ -8,7 +8,9 @@
 #include <QHostAddress>
 #include <QString>
 
+#include <algorithm>
 #include <climits>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -197,6 +199,12 @@ int CMLHttpEngine::DoPostOLFile(const char* host, char* key, int keyLen, const C
                                 unsigned int blockSize)
 {
     if (!m_pSocketEngine)
+        return KRefused;
+    // Every block must fit the socket engine's block buffer beside its
+    // request text; an upload whose blocks would not is refused up front.
+    const int hostLen = host ? static_cast<int>(std::min<size_t>(std::strlen(host), INT_MAX)) : 0;
+    if (blockSize > static_cast<unsigned int>(INT_MAX) ||
+        !CQHttpSocketEngine::OLBlockFits(key ? std::max(keyLen, 0) : 0, hostLen, static_cast<int>(blockSize)))
         return KRefused;
     BeginRequest(KKindPostOLFile);
     m_OLFileHeaderUnit.Clear();

@@ -163,6 +163,8 @@ public:
     int DoPostFile(const char* url, const CQWString* recvFile, unsigned char* data, int len,
                    const CQWString& filePath, const CQWString& fieldName);
     // Resumable upload of filePath to host (may carry ":port") with key.
+    // 0 without doing anything when blocks of blockSize bytes would not fit
+    // the socket engine's block buffer beside their request text.
     int DoPostOLFile(const char* host, char* key, int keyLen, const CQWString& filePath, unsigned int blockSize);
 
     // The argument is not used: the target follows from the state.

@@ -12,6 +12,7 @@
 
 #include "support/TestSupport.h"
 
+#include <QCryptographicHash>
 #include <QFile>
 #include <QHostAddress>
 #include <QHostInfo>
@@ -1301,6 +1302,535 @@ TEST_F(SocketEngineIapTest, RegistrationReportsNothing)
     EXPECT_TRUE(iap->Connect());
     engine->OnIapTransferBlocked();
     engine->OnIapTransferOpen();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- resumable upload
+
+namespace {
+
+// The request text of one block, line by line as the protocol defines it.
+QByteArray OLText(const QByteArray& path, const QByteArray& host)
+{
+    return "POST " + path + " HTTP/1.1\r\n" +
+           "User-Agent: VelaClient\r\n" +
+           "Host: " + host + "\r\n" +
+           "Connection: Keep-Alive\r\n" +
+           "Content-Length: \r\n" +
+           "Range: bytes=-\r\n" +
+           "\r\n";
+}
+
+QByteArray Md5Hex(const QByteArray& bytes)
+{
+    return QCryptographicHash::hash(bytes, QCryptographicHash::Md5).toHex();
+}
+
+// One block request as it must appear on the wire: text, then the bytes.
+QByteArray OLRequest(const QByteArray& key, const QByteArray& host, const QByteArray& block)
+{
+    return OLText(key + Md5Hex(block), host) + block;
+}
+
+struct OLTimerCounter : public CQTimerObserver
+{
+    void OnTimerExpired(CQTimer*) override { ++count; }
+    int count = 0;
+};
+
+// Stops the reply timer from inside its own expiry.
+struct OLTimerStopper : public CQTimerObserver
+{
+    void OnTimerExpired(CQTimer*) override
+    {
+        ++count;
+        engine->DoStopOLFileTimer();
+    }
+    CQHttpSocketEngine* engine = nullptr;
+    int count = 0;
+};
+
+const QByteArray KOLKey = "/up/k3y/";
+const QByteArray KOLHost = "upload.example:8080";
+
+class OLUploadTest : public SocketEngineTest
+{
+protected:
+    // A file of len pattern bytes and a header unit for it.
+    void MakeUpload(int len, int blockSize)
+    {
+        file = Pattern(len, 3);
+        const QString path = m_files.File("upload.bin");
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.size(), f.write(file));
+        f.close();
+        unit.m_strFilePath = CQWString(path);
+        ASSERT_EQ(CQPostOLFileHeaderUnit::KKeySet, unit.SetKey(KOLKey.constData(), KOLKey.size()));
+        ASSERT_TRUE(unit.m_strHost.SetData(KOLHost.constData()));
+        unit.m_nBlockSize = blockSize;
+    }
+
+    // Waits until the server holds `expected` after everything earlier and
+    // the engine waits for the reply.
+    void ExpectOnWire(LoopbackServer& server, const QByteArray& expected)
+    {
+        const int end = wire + expected.size();
+        ASSERT_TRUE(velatest::SpinUntil(
+            [&] { return server.received.size() >= end && Status() == CQHttpSocketEngine::HSES_Receiving; },
+            KDeadlineMs))
+            << "received " << server.received.size() << " of " << end << ", status " << Status();
+        EXPECT_EQ(velatest::Visible(expected), velatest::Visible(server.received.mid(wire, expected.size())));
+        EXPECT_EQ(end, server.received.size()) << "nothing after the block";
+        wire = end;
+    }
+
+    // The server replies; the engine reports progress.
+    void Reply(LoopbackServer& server, const QByteArray& reply)
+    {
+        const int before = reports;
+        server.Send(reply);
+        ASSERT_TRUE(velatest::SpinUntil([&] { return reports > before; }, KDeadlineMs));
+    }
+
+    void RecordProgress()
+    {
+        EXPECT_CALL(observer, OnSocketEngine_SendData(nullptr, _))
+            .WillRepeatedly(Invoke([this](unsigned char*, int n) {
+                progress.push_back(n);
+                ++reports;
+                return 1;
+            }));
+    }
+
+    velatest::TempDir m_files;
+    QByteArray file;
+    CQPostOLFileHeaderUnit unit;
+    std::vector<int> progress;
+    int reports = 0;
+    int wire = 0;
+};
+
+TEST_F(OLUploadTest, RequestTextIsTheSevenLinesWithoutNumbers)
+{
+    char path[] = "/k/0123456789abcdef0123456789abcdef";
+    std::unique_ptr<char[]> text(engine->GetPostOLFileMethodData(path, 1000, 10240, "h.example:81"));
+    ASSERT_NE(nullptr, text);
+    EXPECT_EQ(std::string("POST /k/0123456789abcdef0123456789abcdef HTTP/1.1\r\n"
+                          "User-Agent: VelaClient\r\n"
+                          "Host: h.example:81\r\n"
+                          "Connection: Keep-Alive\r\n"
+                          "Content-Length: \r\n"
+                          "Range: bytes=-\r\n"
+                          "\r\n"),
+              std::string(text.get()));
+    // The rest of the 1024-byte array is zero.
+    const size_t n = std::strlen(text.get());
+    for (size_t i = n; i < 1024; ++i)
+        ASSERT_EQ('\0', text[i]) << "byte " << i;
+    EXPECT_EQ(static_cast<int>(n), CQHttpSocketEngine::OLRequestTextLength(static_cast<int>(std::strlen(path)), 12));
+}
+
+TEST_F(OLUploadTest, RequestTextWithoutHostUsesTheRememberedHost)
+{
+    char path[] = "/p";
+    std::unique_ptr<char[]> none(engine->GetPostOLFileMethodData(path, 0, 0, nullptr));
+    ASSERT_NE(nullptr, none);
+    EXPECT_EQ(OLText("/p", ""), QByteArray(none.get())) << "nothing remembered yet: an empty Host value";
+
+    std::unique_ptr<char[]> first(engine->GetPostOLFileMethodData(path, 0, 5, "first.example"));
+    EXPECT_EQ("first.example", std::string(engine->GetOLHost().GetDataPtr()));
+    std::unique_ptr<char[]> later(engine->GetPostOLFileMethodData(path, 5, 5, nullptr));
+    ASSERT_NE(nullptr, later);
+    EXPECT_EQ(OLText("/p", "first.example"), QByteArray(later.get()));
+}
+
+TEST_F(OLUploadTest, RequestTextThatWouldNotFitItsArrayIsRefused)
+{
+    // The text and its terminating zero fill the 1024 bytes exactly: the
+    // longest path that fits, and one byte more.
+    const int fixed = CQHttpSocketEngine::OLRequestTextLength(0, 1);
+    std::string longest(static_cast<size_t>(1023 - fixed), 'a');
+    std::unique_ptr<char[]> fits(engine->GetPostOLFileMethodData(&longest[0], 0, 0, "h"));
+    ASSERT_NE(nullptr, fits);
+    EXPECT_EQ(1023u, std::strlen(fits.get()));
+    std::string tooLong = longest + "a";
+    EXPECT_EQ(nullptr, engine->GetPostOLFileMethodData(&tooLong[0], 0, 0, "h"));
+    EXPECT_EQ(nullptr, engine->GetPostOLFileMethodData(nullptr, 0, 0, "h"));
+}
+
+struct RangeRow
+{
+    const char* name;
+    std::string reply;
+    bool found;
+    unsigned int saved;
+};
+
+class OLReplyParseTest : public ::testing::TestWithParam<RangeRow>
+{
+};
+
+TEST_P(OLReplyParseTest, FindsTheRangeValue)
+{
+    const RangeRow& row = GetParam();
+    // An exactly sized copy: reading past it is caught by the sanitizers.
+    std::unique_ptr<unsigned char[]> bytes(new unsigned char[row.reply.size() + 1]);
+    std::memcpy(bytes.get(), row.reply.data(), row.reply.size());
+    unsigned int saved = 12345;
+    EXPECT_EQ(row.found, CQHttpSocketEngine::FindOLFileSavedLength(bytes.get(), static_cast<int>(row.reply.size()),
+                                                                  saved));
+    EXPECT_EQ(row.saved, saved);
+}
+
+const RangeRow KRangeRows[] = {
+    {"range-600", "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n", true, 600},
+    {"range-0", "HTTP/1.1 200 OK\r\nRange: 0\r\n\r\n", true, 0},
+    {"range-1", "HTTP/1.1 200 OK\r\nRange: 1\r\n\r\n", true, 1},
+    {"range-among-fields", "HTTP/1.1 200 OK\r\nServer: s\r\nRange: 11240\r\nContent-Length: 0\r\n\r\n", true, 11240},
+    {"range-first-of-two", "HTTP/1.1 200 OK\r\nRange: 7\r\nRange: 9\r\n\r\n", true, 7},
+    {"range-at-the-very-start", "Range: 42\r\n", true, 42},
+    {"range-without-crlf-runs-to-the-end", "HTTP/1.1 200 OK\r\nRange: 1000", true, 1000},
+    {"range-max-unsigned", "HTTP/1.1 200 OK\r\nRange: 4294967295\r\n\r\n", true, 4294967295u},
+    {"range-not-a-number", "HTTP/1.1 200 OK\r\nRange: bytes=0-9\r\n\r\n", true, 0},
+    {"range-empty-value", "HTTP/1.1 200 OK\r\nRange: \r\n\r\n", true, 0},
+    {"no-range", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", false, 0},
+    {"content-range-is-another-field", "HTTP/1.1 206 OK\r\nContent-Range: bytes 0-9/10\r\n\r\n", false, 0},
+    {"lowercase-range-is-not-it", "HTTP/1.1 200 OK\r\nrange: 5\r\n\r\n", false, 0},
+    {"range-without-space-is-not-it", "HTTP/1.1 200 OK\r\nRange:5\r\n\r\n", false, 0},
+    {"cut-inside-the-name", "HTTP/1.1 200 OK\r\nRang", false, 0},
+    {"empty", "", false, 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Replies, OLReplyParseTest, ::testing::ValuesIn(KRangeRows),
+                         [](const ::testing::TestParamInfo<RangeRow>& info) {
+                             std::string name = info.param.name;
+                             for (char& c : name)
+                                 if (c == '-')
+                                     c = '_';
+                             return name;
+                         });
+
+TEST(OLReplyParse, NullOrNegativeLengthFindsNothing)
+{
+    unsigned int saved = 9;
+    EXPECT_FALSE(CQHttpSocketEngine::FindOLFileSavedLength(nullptr, 10, saved));
+    EXPECT_EQ(0u, saved);
+    const unsigned char bytes[] = "Range: 5\r\n";
+    EXPECT_FALSE(CQHttpSocketEngine::FindOLFileSavedLength(bytes, -1, saved));
+    EXPECT_FALSE(CQHttpSocketEngine::FindOLFileSavedLength(bytes, 0, saved));
+}
+
+TEST(OLBlockFit, BlockAndTextFillTheBlockBufferAtMost)
+{
+    const int key = 8;
+    const int host = 19;
+    const int text = CQHttpSocketEngine::OLRequestTextLength(key + 32, host);
+    EXPECT_TRUE(CQHttpSocketEngine::OLBlockFits(key, host, 20480 - text)) << "at the edge";
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, 20480 - text + 1)) << "one byte past it";
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, 20480));
+    EXPECT_TRUE(CQHttpSocketEngine::OLBlockFits(key, host, 1));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, 0));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, -1));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(-1, host, 100));
+    // A key whose text no longer fits its 1024-byte array.
+    const int longestKey = 1023 - CQHttpSocketEngine::OLRequestTextLength(32, host);
+    EXPECT_TRUE(CQHttpSocketEngine::OLBlockFits(longestKey, host, 100));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(longestKey + 1, host, 100));
+}
+
+TEST_F(OLUploadTest, ReplyTimeOutIs120000UntilSet)
+{
+    EXPECT_EQ(120000, engine->GetOLFileReplyTimeOut());
+    engine->SetOLFileReplyTimeOut(25);
+    EXPECT_EQ(25, engine->GetOLFileReplyTimeOut());
+    engine->SetOLFileReplyTimeOut(-5);
+    EXPECT_EQ(0, engine->GetOLFileReplyTimeOut());
+}
+
+TEST_F(OLUploadTest, File600IsOneFirstBlockAndRange600EndsWithProgress600)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 10240);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    EXPECT_EQ(CQHttpSocketEngine::KSendModeOLFile, engine->GetSendMode());
+    EXPECT_EQ(CQHttpSocketEngine::OLS_FirstBlock, engine->GetOLState());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Sending, Status());
+    EXPECT_TRUE(engine->IsBusy());
+    EXPECT_EQ(std::string(KOLKey.constData()), std::string(engine->GetOLKey().GetDataPtr()));
+    EXPECT_EQ(std::string(KOLHost.constData()), std::string(engine->GetOLHost().GetDataPtr()));
+
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    EXPECT_EQ(CQHttpSocketEngine::OLS_WaitingReplies, engine->GetOLState());
+    EXPECT_TRUE(engine->IsBusy());
+
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({600}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+    EXPECT_EQ(600u, engine->GetOLFileServerSavedLength());
+    EXPECT_EQ(wire, server.received.size()) << "nothing more is sent";
+}
+
+TEST_F(OLUploadTest, File25000WithBlock10240GoesOnFromTheServersOffsets)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(25000, 10240);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+
+    // The later blocks name no host of their own: the remembered one.
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(1000, 10240)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 11240\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(11240, 10240)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 21480\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(21480, 3520)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 25000\r\n\r\n");
+
+    EXPECT_EQ(std::vector<int>({1000, 11240, 21480, 25000}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(0, engine->findChildren<CQTimer*>().size()) << "no reply timer without an observer";
+}
+
+TEST_F(OLUploadTest, ASmallerRangeThanSentContinuesFromWhatWasRead)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(5000, 1500);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(1000, 1500)));
+    // 2500 were sent; the server claims 700: the upload goes on from 2500.
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 700\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(2500, 1500)));
+    EXPECT_EQ(std::vector<int>({1000, 2500}), progress);
+}
+
+TEST_F(OLUploadTest, EveryBlockPathEndsWithTheMd5OfItsOwnBytes)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(3000, 700);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    // Each request is cut from the wire by the length of its text: the path
+    // line names the MD5, the rest are the bytes it covers.
+    const int textLen = OLText(KOLKey + QByteArray(32, '0'), KOLHost).size();
+    const std::vector<int> blocks = {1000, 700, 700, 600};
+    int offset = 0;
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        ASSERT_TRUE(velatest::SpinUntil(
+            [&] {
+                return server.received.size() >= wire + textLen + blocks[i] &&
+                       Status() == CQHttpSocketEngine::HSES_Receiving;
+            },
+            KDeadlineMs));
+        const QByteArray text = server.received.mid(wire, textLen);
+        const QByteArray bytes = server.received.mid(wire + textLen, blocks[i]);
+        const QByteArray firstLine = text.left(text.indexOf("\r\n"));
+        EXPECT_EQ("POST " + KOLKey + Md5Hex(bytes) + " HTTP/1.1", firstLine) << "block " << i;
+        EXPECT_EQ(file.mid(offset, blocks[i]), bytes) << "block " << i;
+        wire += textLen + blocks[i];
+        offset += blocks[i];
+        Reply(server, "HTTP/1.1 200 OK\r\nRange: " + QByteArray::number(offset) + "\r\n\r\n");
+    }
+    EXPECT_EQ(std::vector<int>({1000, 1700, 2400, 3000}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(OLUploadTest, AReplyWithoutRangeEndsTheUploadWithMinusOne)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(5000, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    Reply(server, "HTTP/1.1 200 OK\r\nContent-Range: bytes 0-999/5000\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({-1}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+    EXPECT_EQ(0u, engine->GetOLFileServerSavedLength());
+}
+
+TEST_F(OLUploadTest, ARangeOfZeroEndsTheUploadWithMinusOne)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(5000, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 0\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({-1}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(OLUploadTest, ARangePastTheFileEndsTheUploadWithThatRange)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(5000, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 7000\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({7000}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(OLUploadTest, AnEmptyFileSendsAnEmptyFirstBlock)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(0, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLText(KOLKey + "d41d8cd98f00b204e9800998ecf8427e", KOLHost));
+    Reply(server, "HTTP/1.1 200 OK\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({-1}), progress);
+}
+
+TEST_F(OLUploadTest, ABlockSizeThatDoesNotFitBesideItsTextIsRefused)
+{
+    LoopbackServer server;
+    Connect(server);
+    const int text = CQHttpSocketEngine::OLRequestTextLength(KOLKey.size() + 32, KOLHost.size());
+    MakeUpload(30000, 20480 - text + 1);
+    EXPECT_EQ(0, engine->DoSendOLFile(unit, false)) << "one byte past the buffer";
+    unit.m_nBlockSize = 0;
+    EXPECT_EQ(0, engine->DoSendOLFile(unit, false)) << "an empty block would never end";
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connected, Status());
+    EXPECT_TRUE(server.received.isEmpty());
+}
+
+TEST_F(OLUploadTest, ABlockThatFillsTheBufferExactlyIsSent)
+{
+    LoopbackServer server;
+    Connect(server);
+    const int text = CQHttpSocketEngine::OLRequestTextLength(KOLKey.size() + 32, KOLHost.size());
+    const int blockSize = 20480 - text;
+    MakeUpload(1000 + blockSize + 10, blockSize);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    const QByteArray block = OLRequest(KOLKey, KOLHost, file.mid(1000, blockSize));
+    EXPECT_EQ(20480, block.size());
+    ExpectOnWire(server, block);
+}
+
+TEST_F(OLUploadTest, NoReplyLetsTheReplyTimerFireToItsObserverRepeatedly)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    OLTimerCounter timer;
+    engine->SetOLFileTimerObserver(&timer);
+    engine->SetOLFileReplyTimeOut(20);
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return timer.count >= 2; }, KDeadlineMs));
+    // The engine itself does not act on it: still waiting for the reply.
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    EXPECT_EQ(1, engine->findChildren<CQTimer*>().size());
+
+    // A late reply stops and releases the timer.
+    RecordProgress();
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({600}), progress);
+    EXPECT_TRUE(velatest::SpinUntil([&] { return engine->findChildren<CQTimer*>().isEmpty(); }, KDeadlineMs));
+}
+
+TEST_F(OLUploadTest, AReplyInTimeStopsTheTimerBeforeItFires)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(2000, 1024);
+    OLTimerCounter timer;
+    engine->SetOLFileTimerObserver(&timer);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    EXPECT_EQ(1, engine->findChildren<CQTimer*>().size()) << "started with the block";
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.mid(1000, 1000)));
+    EXPECT_EQ(1, engine->findChildren<CQTimer*>().size()) << "one timer per block, the old one released";
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 2000\r\n\r\n");
+    EXPECT_EQ(0, engine->findChildren<CQTimer*>().size());
+    EXPECT_EQ(0, timer.count);
+}
+
+TEST_F(OLUploadTest, ATimerStoppedInsideItsOwnExpiryIsReleasedAfterwards)
+{
+    OLTimerStopper stopper;
+    stopper.engine = engine.get();
+    engine->StartOLFileRecvTimer(&stopper, 5);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return stopper.count == 1; }, KDeadlineMs));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->findChildren<CQTimer*>().isEmpty(); }, KDeadlineMs));
+    EXPECT_EQ(1, stopper.count);
+}
+
+TEST_F(OLUploadTest, CancelLeavesTheReplyTimerToTheOwner)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    OLTimerCounter timer;
+    engine->SetOLFileTimerObserver(&timer);
+    engine->SetOLFileReplyTimeOut(10);
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    engine->CancelEngine();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return timer.count >= 1; }, KDeadlineMs));
+    engine->DoStopOLFileTimer();
+    EXPECT_TRUE(engine->findChildren<CQTimer*>().isEmpty());
+}
+
+TEST_F(OLUploadTest, PeerCloseWhileWaitingForTheReplyIsError34)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(OLUploadTest, AFinalReplyFollowedByTheCloseEndsTheUploadQuietly)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    server.Send("HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return reports == 1 && server.disconnects == 1; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(std::vector<int>({600}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(OLUploadTest, DoSendOLFileWithoutAConnectionIsRefused)
+{
+    MakeUpload(600, 1024);
+    EXPECT_EQ(0, engine->DoSendOLFile(unit, false));
     EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
 }
 

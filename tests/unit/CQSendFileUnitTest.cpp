@@ -855,4 +855,32 @@ TEST_F(CQSendFileUnitTest, ResumeBlockSizeIs10240AfterEveryClearAll)
     EXPECT_EQ(10240, unit.m_nResumeBlockSize);
 }
 
+// The upload's walk over a 25000-byte file with block size 10240: blocks
+// of 1000, 10240, 10240 and 3520 bytes, each hashed before it is read, each
+// hash the MD5 of exactly the bytes then read.
+TEST_F(CQSendFileUnitTest, ResumableBlocksAreHashedThenReadWithTheSameBytes)
+{
+    const std::string file = Pattern(25000, 41);
+    CQSendFileUnit unit;
+    Prepare(unit, "", file, "");
+    std::vector<unsigned char> block(10240);
+    int offset = 0;
+    for (const int n : {1000, 10240, 10240, 3520}) {
+        const std::string hash = TakeMd5(unit.GetBufMd5(n));
+        ASSERT_EQ(n, unit.OLFileLoadData(block.data(), n));
+        char expected[33];
+        CCrypt::MD5_HexDigest(reinterpret_cast<const unsigned char*>(file.data()) + offset,
+                              static_cast<unsigned long>(n), expected);
+        EXPECT_EQ(std::string(expected), hash) << "block at " << offset;
+        EXPECT_EQ(file.substr(static_cast<size_t>(offset), static_cast<size_t>(n)),
+                  std::string(reinterpret_cast<const char*>(block.data()), static_cast<size_t>(n)))
+            << "block at " << offset;
+        offset += n;
+        EXPECT_EQ(offset, unit.m_nFileRead);
+    }
+    // Past the end: the empty digest, and nothing read.
+    EXPECT_EQ("d41d8cd98f00b204e9800998ecf8427e", TakeMd5(unit.GetBufMd5(10240)));
+    EXPECT_EQ(0, unit.OLFileLoadData(block.data(), 10240));
+}
+
 }  // namespace

@@ -18,6 +18,9 @@
 #include "src/internal/LocationResolve_p.h"
 #include "support/TestSupport.h"
 
+#include "BaseClass/src/CQTimer.h"
+
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
@@ -2297,6 +2300,225 @@ TEST(SplitUriReferenceTest, FindsEveryPart)
     const velanet::UriParts r = velanet::SplitUriReference(relative, 6);
     EXPECT_EQ(-1, r.schemeStart);
     EXPECT_EQ(6, r.pathLen);
+}
+
+}  // namespace
+
+// ============================================================ resumable upload
+
+namespace {
+
+struct UploadTimerCounter : public CQTimerObserver
+{
+    void OnTimerExpired(CQTimer*) override { ++count; }
+    int count = 0;
+};
+
+// The block request text the upload puts before a block's bytes.
+std::string UploadText(const std::string& path, const std::string& host)
+{
+    return "POST " + path + " HTTP/1.1\r\n"
+           "User-Agent: VelaClient\r\n"
+           "Host: " + host + "\r\n"
+           "Connection: Keep-Alive\r\n"
+           "Content-Length: \r\n"
+           "Range: bytes=-\r\n"
+           "\r\n";
+}
+
+std::string Md5Of(const std::string& bytes)
+{
+    return QCryptographicHash::hash(QByteArray(bytes.data(), static_cast<int>(bytes.size())), QCryptographicHash::Md5)
+        .toHex()
+        .toStdString();
+}
+
+class EngineUploadTest : public EngineTest
+{
+protected:
+    std::string Host() const { return "127.0.0.1:" + std::to_string(m_port); }
+
+    // Waits for the engine's connection and for n more bytes on it.
+    std::string ServerReads(int n)
+    {
+        EXPECT_TRUE(velatest::SpinUntil(
+            [&] {
+                if (!m_peer && m_server.hasPendingConnections())
+                    m_peer.reset(m_server.nextPendingConnection());
+                if (m_peer)
+                    m_wire += m_peer->readAll().toStdString();
+                return static_cast<int>(m_wire.size()) >= m_taken + n;
+            },
+            10000))
+            << "got " << m_wire.size() - static_cast<size_t>(m_taken) << " of " << n;
+        const std::string bytes = m_wire.substr(static_cast<size_t>(m_taken), static_cast<size_t>(n));
+        m_taken += n;
+        return bytes;
+    }
+
+    void ServerReplies(const std::string& reply)
+    {
+        ASSERT_NE(nullptr, m_peer);
+        ASSERT_EQ(static_cast<qint64>(reply.size()), m_peer->write(reply.data(), static_cast<qint64>(reply.size())));
+        ASSERT_TRUE(m_peer->flush());
+    }
+
+    std::unique_ptr<QTcpSocket> m_peer;
+    std::string m_wire;
+    int m_taken = 0;
+};
+
+TEST_F(EngineUploadTest, ABlockSizeThatDoesNotFitBesideTheRequestTextIsRefusedUpFront)
+{
+    char key[] = "/k/";
+    const std::string host = Host();
+    const int text = CQHttpSocketEngine::OLRequestTextLength(3 + 32, static_cast<int>(host.size()));
+    const CQWString file(m_dir.File("ol.bin"));
+    EXPECT_EQ(0, m_engine->DoPostOLFile(host.c_str(), key, 3, file, static_cast<unsigned int>(20480 - text + 1)));
+    EXPECT_EQ(0, m_engine->DoPostOLFile(host.c_str(), key, 3, file, 0));
+    EXPECT_EQ(0, m_engine->DoPostOLFile(host.c_str(), key, 3, file, 0x80000000u));
+    std::string longKey(1024, 'k');
+    EXPECT_EQ(0, m_engine->DoPostOLFile(host.c_str(), &longKey[0], 1024, file, 100));
+    // Nothing was stored or started.
+    EXPECT_EQ(16, m_engine->GetCurMethod());
+    EXPECT_EQ(20480, m_engine->GetPostOLFileHeaderUnit().m_nBlockSize);
+    EXPECT_TRUE(m_engine->IsIdle());
+    // At the edge the upload starts.
+    EXPECT_NE(0, m_engine->DoPostOLFile(host.c_str(), key, 3, file, static_cast<unsigned int>(20480 - text)));
+    EXPECT_EQ(20480 - text, m_engine->GetPostOLFileHeaderUnit().m_nBlockSize);
+}
+
+TEST_F(EngineUploadTest, UploadOf600BytesIsOneBlockAndEndsWithProgress600)
+{
+    StrictMock<MockNotifier> notifier;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
+    engine->SetRequestID(KId);
+    std::string content = Incompressible(600);
+    const QString upload = m_dir.File("ol600.bin");
+    WriteFile(upload, content);
+    {
+        InSequence order;
+        EXPECT_CALL(notifier, HttpEventNotify(KId, KConnected));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 600));
+    }
+    char key[] = {'/', 'u', '/', 'Z'};
+    const std::string host = Host();
+    ASSERT_NE(0, engine->DoPostOLFile(host.c_str(), key, 3, CQWString(upload), 10240));
+    const std::string text = UploadText("/u/" + Md5Of(content), host);
+    EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(text + content)),
+              velatest::Visible(QByteArray::fromStdString(ServerReads(static_cast<int>(text.size()) + 600))));
+    EXPECT_EQ(600, engine->GetPostOLFileHeaderUnit().m_nFileLen);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
+    ServerReplies("HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->IsIdle(); }));
+}
+
+TEST_F(EngineUploadTest, UploadOf25000BytesWithBlock10240GoesOnFromTheRepliedOffsets)
+{
+    StrictMock<MockNotifier> notifier;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
+    engine->SetRequestID(KId);
+    const std::string content = Incompressible(25000);
+    const QString upload = m_dir.File("ol25000.bin");
+    WriteFile(upload, content);
+    {
+        InSequence order;
+        EXPECT_CALL(notifier, HttpEventNotify(KId, KConnected));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 1000));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 11240));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 21480));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 25000));
+    }
+    char key[] = "key-";
+    const std::string host = Host();
+    ASSERT_NE(0, engine->DoPostOLFile(host.c_str(), key, 4, CQWString(upload), 10240));
+    const int offsets[] = {0, 1000, 11240, 21480, 25000};
+    for (int i = 0; i + 1 < 5; ++i) {
+        const std::string block = content.substr(static_cast<size_t>(offsets[i]),
+                                                 static_cast<size_t>(offsets[i + 1] - offsets[i]));
+        const std::string text = UploadText("key-" + Md5Of(block), host);
+        const std::string got = ServerReads(static_cast<int>(text.size() + block.size()));
+        EXPECT_EQ(text, got.substr(0, text.size())) << "block " << i;
+        EXPECT_TRUE(got.substr(text.size()) == block) << "block " << i;
+        ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
+        ServerReplies("HTTP/1.1 200 OK\r\nRange: " + std::to_string(offsets[i + 1]) + "\r\n\r\n");
+    }
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->IsIdle(); }));
+}
+
+TEST_F(EngineUploadTest, ASmallerRangeThanSentContinuesFromWhatWasSent)
+{
+    StrictMock<MockNotifier> notifier;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
+    engine->SetRequestID(KId);
+    const std::string content = Incompressible(4000);
+    const QString upload = m_dir.File("ol4000.bin");
+    WriteFile(upload, content);
+    {
+        InSequence order;
+        EXPECT_CALL(notifier, HttpEventNotify(KId, KConnected));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 1000));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, 2000));
+    }
+    char key[] = "k";
+    const std::string host = Host();
+    ASSERT_NE(0, engine->DoPostOLFile(host.c_str(), key, 1, CQWString(upload), 1000));
+    (void)ServerReads(static_cast<int>(UploadText("k" + std::string(32, '0'), host).size()) + 1000);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
+    ServerReplies("HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    (void)ServerReads(static_cast<int>(UploadText("k" + std::string(32, '0'), host).size()) + 1000);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
+    // 2000 were sent, the server says 10: the next block starts at 2000.
+    ServerReplies("HTTP/1.1 200 OK\r\nRange: 10\r\n\r\n");
+    const std::string block = content.substr(2000, 1000);
+    const std::string text = UploadText("k" + Md5Of(block), host);
+    EXPECT_TRUE(ServerReads(static_cast<int>(text.size() + block.size())) == text + block);
+}
+
+TEST_F(EngineUploadTest, AReplyWithoutRangeReportsMinusOneAndIdles)
+{
+    StrictMock<MockNotifier> notifier;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
+    engine->SetRequestID(KId);
+    const std::string content = Incompressible(3000);
+    const QString upload = m_dir.File("ol3000.bin");
+    WriteFile(upload, content);
+    {
+        InSequence order;
+        EXPECT_CALL(notifier, HttpEventNotify(KId, KConnected));
+        EXPECT_CALL(notifier, HttpNotifySend(nullptr, -1));
+    }
+    char key[] = "k";
+    const std::string host = Host();
+    ASSERT_NE(0, engine->DoPostOLFile(host.c_str(), key, 1, CQWString(upload), 1000));
+    (void)ServerReads(static_cast<int>(UploadText("k" + std::string(32, '0'), host).size()) + 1000);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
+    ServerReplies("HTTP/1.1 500 Oops\r\nContent-Length: 0\r\n\r\n");
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->IsIdle(); }));
+}
+
+TEST_F(EngineUploadTest, TheReplyTimerGoesToTheObserverGivenToTheEngineAndStopsThroughIt)
+{
+    StrictMock<MockNotifier> notifier;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL(&notifier));
+    engine->SetRequestID(KId);
+    const QString upload = m_dir.File("ol10.bin");
+    WriteFile(upload, "0123456789");
+    UploadTimerCounter timer;
+    engine->SetOLFileTimerObserver(&timer);
+    engine->GetSocketEngine()->SetOLFileReplyTimeOut(15);
+    EXPECT_CALL(notifier, HttpEventNotify(KId, KConnected));
+    char key[] = "k";
+    ASSERT_NE(0, engine->DoPostOLFile(Host().c_str(), key, 1, CQWString(upload), 1000));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return timer.count >= 1; }));
+    EXPECT_EQ(KReceiving, engine->GetHttpSocketCurrentStatus()) << "the engine leaves the time-out to the owner";
+    engine->DoStopOLFileTimer();
+    EXPECT_TRUE(engine->GetSocketEngine()->findChildren<CQTimer*>().isEmpty());
+    const int fired = timer.count;
+    // A cancel after the stop leaves nothing running.
+    engine->CancelRequest();
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(fired, timer.count);
 }
 
 }  // namespace
