@@ -593,6 +593,7 @@ int CMLHttpEngine::OnSocketEngine_ReceiveData(unsigned char* data, int len)
         case CHttpResponseHead::KBodyChunked:
             m_enHttpRecvDataMode = HRDM_Chunk;
             m_ResponseHead.m_nContentLength = KUnframedContentLength;
+            m_bLastChunkSeen = false;
             break;
         default:
             m_enHttpRecvDataMode = HRDM_Stream;
@@ -791,6 +792,7 @@ int CMLHttpEngine::OnReceivChunkData()
             return KGoOn;
         }
         if (size == 0) {
+            m_bLastChunkSeen = true;
             (void)OnSocketEngine_ReceivDataEnd();
             return KStop;
         }
@@ -829,10 +831,14 @@ int CMLHttpEngine::OnSocketEngine_ReceivDataEnd()
 {
     QT_ALWAYS_ASSERT(m_pObserver != NULL, KAssertFile);
 
-    // A body framed by its length that the connection cut short (or a
-    // response that never got its head) is a failed request, not a body.
-    if (m_enHttpRecvDataMode == HRDM_Length &&
-        (!m_bHeadReceived || m_nRecvBytes < m_ResponseHead.m_nContentLength)) {
+    // A body framed by its length or by chunks that the connection cut short
+    // (or a response that never got its head) is a failed request, not a
+    // body: only a body framed by the close itself ends here complete.
+    const bool lengthCutShort = m_enHttpRecvDataMode == HRDM_Length &&
+                                (!m_bHeadReceived || m_nRecvBytes < m_ResponseHead.m_nContentLength);
+    const bool chunksCutShort = m_enHttpRecvDataMode == HRDM_Chunk && !m_bLastChunkSeen;
+    m_bLastChunkSeen = false;
+    if (lengthCutShort || chunksCutShort) {
         OnSocketEngine_SocketEvent(KEventSocketError, 0);
         return KGoOn;
     }

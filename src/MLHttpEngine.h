@@ -285,6 +285,9 @@ private:
     int m_nRecvBytes = 0;
     int m_nDataCallCount = 0;
     int m_nChunkRemain = 0;
+    // Set when the zero-size chunk ends a chunked body; a chunked body that
+    // ends with the connection before it was cut short.
+    bool m_bLastChunkSeen = false;
     CQSString m_strCurPostData;
     enHttpEngineState m_enCurHES = HES_Idle;
     enHttpRecvDataMode m_enHttpRecvDataMode = HRDM_Length;

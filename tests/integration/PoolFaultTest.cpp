@@ -11,8 +11,9 @@
 // - A peer that closes (or resets) while the engine waits for data ends the
 //   body that is being read. A body framed by Content-Length that has not
 //   reached its length, or a response whose head never completed, is a
-//   failed request: net error 34. A chunked body or a body framed by the
-//   close is complete with what came.
+//   failed request: net error 34, and so is a chunked body whose zero-size
+//   chunk never came. Only a body framed by the close is complete with
+//   what came.
 // - A close at any other time (after a gzip body completed at the end of
 //   its stream, which leaves the engine busy) is net error 34 as well, after
 //   the completion.
@@ -226,7 +227,7 @@ TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfTheHeadIsNetError34)
     EXPECT_TRUE(AllIdle());
 }
 
-TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkSizeLineCompletesWithTheChunksBefore)
+TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkSizeLineIsNetError34)
 {
     const QString path = m_dir.File("chunk-line.bin");
     const CQWString file(path);
@@ -236,14 +237,13 @@ TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkSizeLineCompletesWithTheChu
     ASSERT_TRUE(peer.Listen());
     Get(peer.Url("/cut-chunk-line"), KId, &file);
     ASSERT_TRUE(WaitDone(KId));
-    EXPECT_EQ(KCompleted, Rec(KId).trace);
+    EXPECT_THAT(Rec(KId).trace, ElementsAre("event 32", "header 200", "data", "net-error 34"));
     EXPECT_EQ(QByteArray("hello"), Rec(KId).body);
-    EXPECT_EQ(path, Rec(KId).completedPath);
-    EXPECT_EQ(QByteArray("hello"), ReadFile(path));
+    EXPECT_FALSE(QFile::exists(path));
     EXPECT_TRUE(AllIdle());
 }
 
-TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkCompletesWithTheBytesSoFar)
+TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkIsNetError34)
 {
     const QString path = m_dir.File("chunk.bin");
     const CQWString file(path);
@@ -253,9 +253,23 @@ TEST_F(PoolFaultTest, APeerClosingInTheMiddleOfAChunkCompletesWithTheBytesSoFar)
     ASSERT_TRUE(peer.Listen());
     Get(peer.Url("/cut-chunk"), KId, &file);
     ASSERT_TRUE(WaitDone(KId));
-    EXPECT_EQ(KCompleted, Rec(KId).trace);
+    EXPECT_THAT(Rec(KId).trace, ElementsAre("event 32", "header 200", "data", "net-error 34"));
     EXPECT_EQ(QByteArray("abcsomething"), Rec(KId).body);
-    EXPECT_EQ(QByteArray("abcsomething"), ReadFile(path));
+    EXPECT_FALSE(QFile::exists(path));
+    EXPECT_TRUE(AllIdle());
+}
+
+TEST_F(PoolFaultTest, APeerClosingRightAfterTheLastChunkCompletes)
+{
+    const QString path = m_dir.File("whole-chunked.bin");
+    const CQWString file(path);
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(KChunkedHead + "3\r\nabc\r\n0\r\n\r\n").Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/whole-chunked"), KId, &file);
+    ASSERT_TRUE(WaitDone(KId));
+    EXPECT_EQ(KCompleted, Rec(KId).trace);
+    EXPECT_EQ(QByteArray("abc"), ReadFile(path));
     EXPECT_TRUE(AllIdle());
 }
 
@@ -596,10 +610,10 @@ std::vector<MixCase> MixCases()
     cases.push_back({"close-in-head", PeerScript().ExpectHead().Send("HTTP/1.1 200 OK\r\nContent-Le").Close(),
                      {"event 32", "net-error 34"}, MixCase::KBodyNone, QByteArray(), 1});
     cases.push_back({"close-in-chunk-size-line",
-                     PeerScript().ExpectHead().Send(KChunkedHead + "5\r\nhello\r\n1").Close(), KCompleted,
-                     MixCase::KBodyExact, "hello", 1});
+                     PeerScript().ExpectHead().Send(KChunkedHead + "5\r\nhello\r\n1").Close(),
+                     {"event 32", "header 200", "data", "net-error 34"}, MixCase::KBodyExact, "hello", 1});
     cases.push_back({"close-in-chunk", PeerScript().ExpectHead().Send(KChunkedHead + "1a\r\nsomething").Close(),
-                     KCompleted, MixCase::KBodyExact, "something", 1});
+                     {"event 32", "header 200", "data", "net-error 34"}, MixCase::KBodyExact, "something", 1});
     cases.push_back({"close-in-gzip-framed-by-length",
                      PeerScript().ExpectHead().Send(GzipLengthHead(gz.size()) + gz.left(gz.size() / 2)).Close(),
                      {"event 32", "header 200", "data", "net-error 34"}, MixCase::KBodyPrefix, plain, 1});

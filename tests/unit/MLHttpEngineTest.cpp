@@ -1448,6 +1448,50 @@ TEST_F(EngineTest, AClosedConnectionBeforeTheLengthIsReachedIsNetError34)
     EXPECT_FALSE(QFile::exists(path));
 }
 
+TEST_F(EngineTest, AClosedConnectionBeforeTheLastChunkIsNetError34)
+{
+    const QString path = m_dir.File("cut-chunks.bin");
+    const CQWString file(path);
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        // The whole chunk, then the start of the next, from the same read.
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 2, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, KSocketError));
+    }
+    Get("/c", &file);
+    Connect();
+    EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + "3\r\nabc\r\n5\r\nde"));
+    EXPECT_EQ(1, m_engine->OnSocketEngine_ReceivDataEnd());
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_FALSE(QFile::exists(path));
+}
+
+TEST_F(EngineTest, TheLastChunkAloneCompletesAndANextChunkedBodyIsJudgedAfresh)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 2, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_Complete(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, KSocketError));
+    }
+    Get("/c");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + "2\r\nok\r\n0\r\n\r\n"));
+    EXPECT_TRUE(m_engine->IsIdle());
+    Get("/c");
+    Connect();
+    EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n")));
+    EXPECT_EQ(1, m_engine->OnSocketEngine_ReceivDataEnd());
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
 TEST_F(EngineTest, AClosedConnectionBeforeAnyHeadIsNetError34)
 {
     {
