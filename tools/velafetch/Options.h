@@ -1,0 +1,93 @@
+#ifndef VELAFETCH_OPTIONS_H
+#define VELAFETCH_OPTIONS_H
+
+// Command line of velafetch: one mode (fetch URLs, raw TCP, resumable upload,
+// access point picker, demo, help) and the settings of that mode.
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+namespace velafetch {
+
+enum class Mode
+{
+    Fetch,
+    Tcp,
+    UploadResumable,
+    PickAp,
+    Demo,
+    Help,
+};
+
+// How request ids are chosen for the fetched URLs.
+enum class IdChoice
+{
+    PerUrl,  // each URL its own download id: 1, 2, 3...
+    Fixed,   // every URL the one id given with --id
+};
+
+struct Options
+{
+    Mode mode = Mode::Fetch;
+
+    // ---- fetch
+    QStringList urls;
+    int engines = 4;
+    QStringList outputs;   // -o, given to the URLs in order
+    bool remoteName = false;  // -O: URLs without -o are named from the URL
+    bool resume = false;      // -C
+    std::optional<QByteArray> postData;  // -d
+    QString formField;     // -F name=@path: the name
+    QString formFile;      //                the path
+    QByteArray fields;     // --fields
+    QString cookiesDir;
+    QString dnsCacheDir;
+    QByteArray gateway;
+    QString caCertFile;
+    IdChoice idChoice = IdChoice::PerUrl;
+    int fixedId = 0;
+    bool verbose = false;
+
+    // ---- tcp
+    QString tcpHost;
+    quint16 tcpPort = 0;
+
+    // ---- resumable upload
+    QByteArray uploadHost;
+    QByteArray uploadKey;
+    QString uploadFile;
+    int blockSize = 10240;
+
+    // ---- access point picker
+    QStringList apNames;
+    QString iapFile;
+};
+
+// The parse result: options, or the one-line reason they were refused.
+struct ParseResult
+{
+    Options options;
+    QString error;  // empty when the command line is usable
+};
+
+// Parses the arguments after the program name.
+[[nodiscard]] ParseResult ParseOptions(const QStringList& args);
+
+// "page", "prefetch", "css", "image" or a number (decimal, or hex with 0x);
+// false for anything else.
+[[nodiscard]] bool ParseRequestId(const QString& text, int& id);
+
+// The text of --help.
+[[nodiscard]] QString HelpText();
+
+// Largest block of a resumable upload: the engine's 20480-byte block buffer
+// also holds the block's request text (at most 1024 bytes).
+inline constexpr int KMaxUploadBlock = 20480 - 1024;
+inline constexpr int KMaxEngines = 64;
+
+}  // namespace velafetch
+
+#endif
