@@ -198,6 +198,10 @@ void CQHttpSocketEngine::ConstructL(int, int)
     // Both buffers keep this storage for the engine's whole life.
     iReceiveBuffer.resize(KReadBlockSize);
     iSendBuffer.resize(KSendWindowBytes);
+    // Qt would otherwise buffer whatever the kernel holds, without limit,
+    // before the engine reads it: on a fast download that grows the
+    // process by megabytes for bytes that are copied out right away.
+    iSocket.setReadBufferSize(KSocketReadBufferLimit);
     ConnectSocketSignals(&iSocket);
     connect(&iSocket, &QAbstractSocket::connected, this, &CQHttpSocketEngine::OnSocketConnect);
 }
@@ -232,6 +236,7 @@ QSslSocket* CQHttpSocketEngine::SecureSocket()
     if (iSecureSocket != nullptr)
         return iSecureSocket;
     iSecureSocket = new QSslSocket(this);
+    iSecureSocket->setReadBufferSize(KSocketReadBufferLimit);
     ConnectSocketSignals(iSecureSocket);
     // Connected means ready to carry the request: after the handshake.
     connect(iSecureSocket, &QSslSocket::encrypted, this, &CQHttpSocketEngine::OnSocketConnect);

@@ -220,6 +220,8 @@ private:
     // Bytes read from the socket per read call; a multiple of KSliceSize so
     // that cutting each block gives the same pieces as cutting the whole read.
     static constexpr int KReadBlockSize = 64 * KSliceSize;
+    // Bytes Qt may hold for the engine before it stops reading the kernel.
+    static constexpr int KSocketReadBufferLimit = 4 * KReadBlockSize;
     // Request bytes that may wait in the socket at once, once the first
     // KPacedSlices slices of a request have gone one per bytes-written.
     static constexpr int KSendWindowBytes = 64 * KSliceSize;
