@@ -1,0 +1,129 @@
+// CHttpData::GetChunkSize, and the HTTP engine's receive path (head; length,
+// chunked and until-close bodies; gzip) fed through OnSocketEngine_ReceiveData
+// the way the socket engine feeds it: pieces of at most 1024 bytes, nothing
+// more after a 0 answer, and OnSocketEngine_ReceivDataEnd when the input
+// (the connection) ends. The input after the split plan (FuzzInput.h) is the
+// response. Run A cuts it into 1024-byte pieces, run B into the planned
+// pieces; in both, the head's last piece ends right after its blank line.
+// Invariants: a chunk-size line lies inside its input; at most one final
+// report, nothing after it; decompressed pieces of at most 1024 bytes; the
+// same outcome in both runs, and the same body (a prefix of the other where
+// pieces may cut it: bytes past Content-Length, gzip bodies).
+
+#include "fuzz/FuzzInput.h"
+#include "src/MLHttpEngine.h"
+
+#include <string>
+
+namespace {
+
+constexpr int KPiece = CMLHttpEngine::KSocketSliceSize;
+
+struct Recorder : MHttpObserver
+{
+    std::string body;
+    std::vector<int> outcome;  // report kind and value, in order
+    bool finished = false;
+    bool gzip = false;
+
+    void Final(int kind, int value)
+    {
+        FUZZ_CHECK(!finished);
+        finished = true;
+        outcome.push_back(kind);
+        outcome.push_back(value);
+    }
+    int OnHttpEngine_HttpError(int, int status) override { Final(1, status); return 0; }
+    int OnHttpEngine_Complete(int, CQWString&) override { Final(2, 0); return 0; }
+    int OnHttpEngine_NetEvent(int, int event) override { Final(3, event); return 0; }
+    int OnHttpEngine_NetError(int, int event) override { Final(4, event); return 0; }
+    int OnHttpEngine_URLChange(int, CQSString&) override { Final(5, 0); return 0; }
+    int OnHttpEngine_RecvHeader(int, CHttpResponseHead& head) override
+    {
+        FUZZ_CHECK(!finished && outcome.empty());
+        outcome.push_back(0);
+        outcome.push_back(head.m_nStatusCode);
+        gzip = head.m_nContentEncoding == CHttpResponseHead::KContentEncodingGzip;
+        return 1;
+    }
+    int OnHttpEngine_ResponseData(int, unsigned char* data, int len, int) override
+    {
+        FUZZ_CHECK(!finished && len > 0 && (!gzip || len <= CMLHttpEngine::KDecompressBufferSize));
+        body.append(reinterpret_cast<const char*>(data), static_cast<std::size_t>(len));
+        return 1;
+    }
+};
+
+// One exchange: the head in pieces ending at headEnd, then the body.
+Recorder Run(const std::uint8_t* resp, std::size_t size, std::size_t headEnd, const fuzzinput::SplitPlan* plan)
+{
+    Recorder rec;
+    std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL());
+    engine->SetObserver(&rec);
+    engine->SetRequestID(CMLHttpEngine::KIdCurrentPage);  // redirects are reported, not followed
+    FUZZ_CHECK(engine->DoGet("http://127.0.0.1:1/f", nullptr, -1) != 0);
+    engine->GetSocketEngine()->CancelEngine();  // no network: the bytes come from here
+
+    std::size_t pos = 0;
+    std::size_t piece = 0;
+    int result = CMLHttpEngine::KGoOn;
+    while (result != CMLHttpEngine::KStop && pos < size) {
+        const std::size_t limit = pos < headEnd ? headEnd : size;
+        const std::size_t n = std::min<std::size_t>(plan ? plan->Piece(piece++, KPiece) : KPiece, limit - pos);
+        auto block = fuzzinput::Copy(resp + pos, n);
+        result = engine->OnSocketEngine_ReceiveData(block.get(), static_cast<int>(n));
+        pos += n;
+    }
+    if (result != CMLHttpEngine::KStop)
+        (void)engine->OnSocketEngine_ReceivDataEnd();
+    engine.reset();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    return rec;
+}
+
+bool IsPrefix(const std::string& a, const std::string& b)
+{
+    return a.size() <= b.size() ? b.compare(0, a.size(), a) == 0 : IsPrefix(b, a);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    fuzzinput::EnsureApplication();
+    const fuzzinput::SplitPlan plan = fuzzinput::ReadSplitPlan(data, size);
+    const std::uint8_t* resp = plan.payload;
+    const std::size_t n = plan.payloadSize;
+
+    auto whole = fuzzinput::Copy(resp, n);
+    int used = 0;
+    if (CHttpData::GetChunkSize(whole.get(), static_cast<int>(n), used) >= 0)
+        FUZZ_CHECK(used >= 2 && static_cast<std::size_t>(used) <= n);
+
+    const std::string text(reinterpret_cast<const char*>(resp), n);
+    const std::size_t blank = text.find("\r\n\r\n");
+    const std::size_t headEnd = blank == std::string::npos ? n : blank + 4;
+    const Recorder a = Run(resp, n, headEnd, nullptr);
+    const Recorder b = Run(resp, n, headEnd, &plan);
+
+    // Comparable when the head is parsed from exactly its own bytes and the
+    // receive buffer never fills.
+    CHttpData parser;
+    CHttpResponseHead head;
+    if (blank == std::string::npos || n > static_cast<std::size_t>(CMLHttpEngine::KRecvBufferSize) ||
+        parser.GetResponseHead(whole.get(), static_cast<int>(headEnd), head) != CHttpData::KHeadComplete)
+        return 0;
+    // By length, the pieces decide how much past Content-Length is taken
+    // (completion is tested at the start of each piece): with a gzip body
+    // that decides the outcome too.
+    const bool byLength = head.m_nBodyType == CHttpResponseHead::KBodyByLength;
+    const bool pastLength = byLength && n - headEnd > static_cast<std::size_t>(std::max(head.m_nContentLength, 0));
+    if (pastLength && a.gzip)
+        return 0;
+    FUZZ_CHECK(a.outcome == b.outcome);
+    if (pastLength || a.gzip)
+        FUZZ_CHECK(IsPrefix(a.body, b.body));
+    else
+        FUZZ_CHECK(a.body == b.body);
+    return 0;
+}
