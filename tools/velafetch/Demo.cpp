@@ -156,10 +156,10 @@ void DemoRun::Add(Kind kind, const QByteArray& path, int id, int imageIndex)
         item->hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Sha256);
     }
     m_items.push_back(std::move(item));
-    TransferSpec spec;
-    spec.url = m_base + path;
-    spec.id = id;
-    (void)m_session->Add(spec);
+    TransferOrder order;
+    order.url = m_base + path;
+    order.id = id;
+    (void)m_session->Add(order);
 }
 
 void DemoRun::OnTransferHead(Transfer& transfer, CHttpResponseHead&)
@@ -237,7 +237,7 @@ void DemoRun::TranscriptLine(const Item& item, const Transfer& transfer)
         events << QString::number(e);
     Print(QString("  GET %1 %2 %3 %4 ms  events %5")
               .arg(QString::fromUtf8(item.path), -20)
-              .arg(IdName(transfer.spec.id), -8)
+              .arg(IdName(transfer.order.id), -8)
               .arg(result, -32)
               .arg(transfer.elapsedMs, 5)
               .arg(events.isEmpty() ? QString("-") : events.join(' ')));

@@ -126,17 +126,17 @@ int FetchRun::Prepare()
     int lastStdout = -1;
     for (int i = 0; i < m_options.urls.size(); ++i) {
         const QByteArray url = m_options.urls.at(i).toUtf8();
-        TransferSpec spec;
-        spec.url = url;
-        spec.id = m_options.idChoice == IdChoice::Fixed ? m_options.fixedId : i + 1;
+        TransferOrder order;
+        order.url = url;
+        order.id = m_options.idChoice == IdChoice::Fixed ? m_options.fixedId : i + 1;
         if (!m_options.formFile.isEmpty()) {
-            spec.kind = TransferSpec::Kind::PostFile;
-            spec.body = m_options.fields;
-            spec.filePath = QFileInfo(m_options.formFile).absoluteFilePath();
-            spec.fieldName = m_options.formField;
+            order.kind = TransferOrder::Kind::PostFile;
+            order.body = m_options.fields;
+            order.filePath = QFileInfo(m_options.formFile).absoluteFilePath();
+            order.fieldName = m_options.formField;
         } else if (m_options.postData) {
-            spec.kind = TransferSpec::Kind::Post;
-            spec.body = postData;
+            order.kind = TransferOrder::Kind::Post;
+            order.body = postData;
         }
 
         Target target;
@@ -152,7 +152,7 @@ int FetchRun::Prepare()
         if (path.isEmpty()) {
             target.output = std::make_unique<Output>();
             target.label = m_options.urls.at(i);
-            spec.after = lastStdout;
+            order.after = lastStdout;
             lastStdout = i;
         } else {
             target.output = std::make_unique<Output>(path);
@@ -165,12 +165,12 @@ int FetchRun::Prepare()
                         return KExitUsage;
                     }
                     target.resumeFrom = info.size();
-                    spec.resumeOffset = static_cast<int>(info.size());
+                    order.resumeOffset = static_cast<int>(info.size());
                 }
             }
         }
         m_targets.push_back(std::move(target));
-        (void)m_session->Add(spec);
+        (void)m_session->Add(order);
     }
     return KExitOk;
 }
@@ -262,7 +262,7 @@ void FetchRun::ShowProgress()
 void FetchRun::OnTransferEnd(Transfer& transfer)
 {
     Target& target = m_targets.at(static_cast<size_t>(transfer.index));
-    const QString url = QString::fromUtf8(transfer.spec.url);
+    const QString url = QString::fromUtf8(transfer.order.url);
     if (m_progress.Enabled() && transfer.outcome == Outcome::Completed && Large(transfer)) {
         const qint64 before = target.resumeFrom > 0 && transfer.contentLength >= 0 ? target.resumeFrom : 0;
         m_progress.Show(target.label, before + transfer.bytes, before + transfer.bytes, Rate(transfer));
@@ -279,7 +279,7 @@ void FetchRun::OnTransferEnd(Transfer& transfer)
     case Outcome::Redirected:
         (void)target.output->Close();
         Message(QString("velafetch: %1: redirected to %2 (not followed for %3 requests)")
-                    .arg(url, QString::fromUtf8(transfer.location), IdName(transfer.spec.id)));
+                    .arg(url, QString::fromUtf8(transfer.location), IdName(transfer.order.id)));
         return;
     case Outcome::Pending:
     case Outcome::HttpError:

@@ -56,12 +56,12 @@ void FetchSession::EnableCookies(QCookieHolder* holder)
     m_pool->EnableCookie(holder);
 }
 
-int FetchSession::Add(const TransferSpec& spec)
+int FetchSession::Add(const TransferOrder& order)
 {
     auto transfer = std::make_unique<Transfer>();
     transfer->index = Count();
-    transfer->spec = spec;
-    transfer->currentUrl = spec.url;
+    transfer->order = order;
+    transfer->currentUrl = order.url;
     m_transfers.push_back(std::move(transfer));
     m_allDoneReported = false;
     return Count() - 1;
@@ -85,7 +85,7 @@ bool FetchSession::AllDone() const
 Transfer* FetchSession::ActiveById(int id)
 {
     for (auto& t : m_transfers) {
-        if (t->state == Transfer::State::Active && t->spec.id == id)
+        if (t->state == Transfer::State::Active && t->order.id == id)
             return t.get();
     }
     return nullptr;
@@ -103,40 +103,40 @@ bool FetchSession::IdBusy(int id) const
 
 bool FetchSession::Startable(const Transfer& transfer) const
 {
-    if (transfer.spec.after >= 0 &&
-        m_transfers.at(static_cast<size_t>(transfer.spec.after))->state != Transfer::State::Done)
+    if (transfer.order.after >= 0 &&
+        m_transfers.at(static_cast<size_t>(transfer.order.after))->state != Transfer::State::Done)
         return false;
     for (const auto& t : m_transfers) {
-        if (t->state == Transfer::State::Active && t->spec.id == transfer.spec.id)
+        if (t->state == Transfer::State::Active && t->order.id == transfer.order.id)
             return false;
     }
-    return !IdBusy(transfer.spec.id);
+    return !IdBusy(transfer.order.id);
 }
 
 FetchSession::Submit FetchSession::TrySubmit(Transfer& transfer)
 {
     if (!m_pool->FindIdeEngine())
         return Submit::NoEngine;
-    const TransferSpec& spec = transfer.spec;
-    const CQSString url = Narrow(spec.url);
+    const TransferOrder& order = transfer.order;
+    const CQSString url = Narrow(order.url);
     // Active before the call: a report may come from inside it.
     transfer.state = Transfer::State::Active;
     transfer.clock.start();
     int started = CMLHttpPool::KRefused;
-    switch (spec.kind) {
-    case TransferSpec::Kind::Get:
-        started = spec.resumeOffset >= 0 ? m_pool->DoGetPartial(url, spec.id, nullptr, spec.resumeOffset)
-                                         : m_pool->DoGet(url, spec.id, nullptr);
+    switch (order.kind) {
+    case TransferOrder::Kind::Get:
+        started = order.resumeOffset >= 0 ? m_pool->DoGetPartial(url, order.id, nullptr, order.resumeOffset)
+                                         : m_pool->DoGet(url, order.id, nullptr);
         break;
-    case TransferSpec::Kind::Post: {
-        QByteArray body = spec.body;
-        started = m_pool->DoPost(url, spec.id, nullptr, reinterpret_cast<unsigned char*>(body.data()), body.size());
+    case TransferOrder::Kind::Post: {
+        QByteArray body = order.body;
+        started = m_pool->DoPost(url, order.id, nullptr, reinterpret_cast<unsigned char*>(body.data()), body.size());
         break;
     }
-    case TransferSpec::Kind::PostFile: {
-        QByteArray fields = spec.body;
-        started = m_pool->DoPostFile(url, spec.id, nullptr, reinterpret_cast<unsigned char*>(fields.data()),
-                                     fields.size(), CQWString(spec.filePath), CQWString(spec.fieldName));
+    case TransferOrder::Kind::PostFile: {
+        QByteArray fields = order.body;
+        started = m_pool->DoPostFile(url, order.id, nullptr, reinterpret_cast<unsigned char*>(fields.data()),
+                                     fields.size(), CQWString(order.filePath), CQWString(order.fieldName));
         break;
     }
     }
@@ -230,14 +230,14 @@ void FetchSession::FailTransfer(Transfer& transfer, const QString& reason)
     transfer.localReason = reason;
     Finish(transfer, Outcome::Local, 0);
     if (active)
-        CancelId(transfer.spec.id);
+        CancelId(transfer.order.id);
 }
 
 void FetchSession::Watch()
 {
     std::vector<int> lost;
     for (auto& t : m_transfers) {
-        if (t->state == Transfer::State::Active && !IdBusy(t->spec.id))
+        if (t->state == Transfer::State::Active && !IdBusy(t->order.id))
             lost.push_back(t->index);
     }
     for (const int index : lost) {

@@ -47,7 +47,7 @@ enum class Outcome
     Local,       // failed here: not submitted, file error, lost request
 };
 
-struct TransferSpec
+struct TransferOrder
 {
     enum class Kind
     {
@@ -75,7 +75,7 @@ struct Transfer
     };
 
     int index = 0;
-    TransferSpec spec;
+    TransferOrder order;
     State state = State::Queued;
     QByteArray currentUrl;  // after redirects followed by the engine
     QElapsedTimer clock;    // from submission
@@ -139,7 +139,7 @@ public:
     void SetReportLog(std::function<void(const QString&)> log) { m_log = std::move(log); }
 
     // Queues a transfer; returns its index.
-    int Add(const TransferSpec& spec);
+    int Add(const TransferOrder& order);
     // Submits what can start now; the rest follows as engines free up.
     void Start();
     // Ends a transfer here (for example its output cannot be written): the
