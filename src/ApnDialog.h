@@ -42,7 +42,8 @@ public:
     // when no row matches. Other rows keep their selection state.
     void SetSelectIap(QString name);
 
-private slots:
+public slots:
+    // Reports the item's text to the observer, then closes the dialog.
     void listview_itemClicked(QListWidgetItem* item);
 
 private:

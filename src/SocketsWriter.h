@@ -49,12 +49,14 @@ public:
     void IssueWriteL(const QByteArray& data);
     // Writes the head of the queue unless a write is under way.
     void SendNextPacket();
-    // The end of a write of written bytes (called by SendNextPacket).
-    void OnDataSend(qint64 written);
     // Drops the queue and makes the writer idle.
     void Stop();
     // Deletes every queued array.
     void ClearTransmitList();
+
+public slots:
+    // The end of a write of written bytes (called by SendNextPacket).
+    void OnDataSend(qint64 written);
 
 private:
     // Results of FinishWrite.

@@ -223,6 +223,19 @@ TEST(ApnDialogGuiTest, ClickingARowReportsItsNameAndCloses)
     EXPECT_TRUE(velatest::SpinUntil([&] { return !dialog.isVisible(); }, KDeadlineMs));
 }
 
+TEST(ApnDialogGuiTest, ItemClickedCalledDirectlyReportsTheItemsTextAndCloses)
+{
+    StrictMock<MockSelectIAPObserver> observer;
+    QVector<QString> names{"cmnet", "cmwap"};
+    CApnDialog dialog(names, &observer);
+    ASSERT_TRUE(ShowAndWait(dialog));
+    QListWidget* list = dialog.findChild<QListWidget*>();
+    ASSERT_NE(nullptr, list);
+    EXPECT_CALL(observer, onSelectedIAPName(Eq(QString("cmnet"))));
+    dialog.listview_itemClicked(list->item(0));
+    EXPECT_TRUE(velatest::SpinUntil([&] { return !dialog.isVisible(); }, KDeadlineMs));
+}
+
 TEST(ApnDialogGuiTest, ClickingEachRowReportsThatRow)
 {
     const QVector<QString> names{"first", "second", "third"};

@@ -227,6 +227,16 @@ TEST_F(SocketsWriterTest, OnDataSendWhileIdleDoesNothing)
     EXPECT_EQ(Peer::Status(m_writer), CSocketsWriter::KWriteIdle);
 }
 
+TEST_F(SocketsWriterTest, OnDataSendIsASlotThatQtCanConnect)
+{
+    EXPECT_GE(m_writer.metaObject()->indexOfSlot("OnDataSend(qint64)"), 0);
+    // Called through Qt while idle: the same as a direct call, nothing.
+    m_writer.IssueWriteL("done");
+    ASSERT_TRUE(QMetaObject::invokeMethod(&m_writer, "OnDataSend", Qt::DirectConnection, Q_ARG(qint64, 1)));
+    EXPECT_THAT(m_socket.m_writes, ElementsAre(QByteArray("done")));
+    EXPECT_EQ(Peer::Status(m_writer), CSocketsWriter::KWriteIdle);
+}
+
 TEST_F(SocketsWriterTest, QueuedArraysShareTheCallersBytesButKeepTheirValue)
 {
     m_socket.SetModeForTest(QIODevice::ReadOnly);
