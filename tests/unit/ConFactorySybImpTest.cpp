@@ -11,6 +11,7 @@
 #include "src/TcpConnection.h"
 #include "src/internal/IAPConfigurations_p.h"
 
+#include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
 #include <QHostAddress>
@@ -47,50 +48,13 @@ public:
 
 namespace {
 
+using MockObserver = velatest::MockTcpConObserver;
+using Server = velatest::LoopbackServer;
+
 using ::testing::StrictMock;
 using Peer = CConFactorySybImpTestPeer;
 
 constexpr int KDeadlineMs = 10000;
-
-class MockObserver : public ITcpConObserver
-{
-public:
-    MOCK_METHOD(void, OnRecv, (const unsigned char* data, int length), (override));
-    MOCK_METHOD(void, OnSend, (), (override));
-    MOCK_METHOD(void, OnConnected, (), (override));
-    MOCK_METHOD(void, OnClose, (int reason), (override));
-    MOCK_METHOD(void, OnBlock, (), (override));
-    MOCK_METHOD(void, OnOpen, (), (override));
-};
-
-class Server
-{
-public:
-    Server()
-    {
-        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
-            while (QTcpSocket* socket = m_server.nextPendingConnection())
-                m_sockets.emplace_back(socket);
-        });
-    }
-    bool Listen() { return m_server.listen(QHostAddress::LocalHost, 0); }
-    int Port() const { return m_server.serverPort(); }
-    int Count() const { return static_cast<int>(m_sockets.size()); }
-    bool WaitForPeerClose(int index)
-    {
-        return velatest::SpinUntil(
-            [&] {
-                m_sockets.at(index)->readAll();
-                return m_sockets.at(index)->state() == QAbstractSocket::UnconnectedState;
-            },
-            KDeadlineMs);
-    }
-    bool IsOpen(int index) const { return m_sockets.at(index)->state() == QAbstractSocket::ConnectedState; }
-
-private:
-    QTcpServer m_server;
-    std::vector<std::unique_ptr<QTcpSocket>> m_sockets;
-};
 
 CSocketsEngine* EngineOf(ITcpCon* connection)
 {

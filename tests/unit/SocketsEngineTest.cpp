@@ -12,6 +12,7 @@
 #include "src/SocketsReader.h"
 #include "src/SocketsWriter.h"
 
+#include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
 #include <QCoreApplication>
@@ -61,6 +62,8 @@ public:
 
 namespace {
 
+using Server = velatest::LoopbackServer;
+
 using ::testing::_;
 using ::testing::Invoke;
 using ::testing::StrictMock;
@@ -77,50 +80,6 @@ public:
     MOCK_METHOD(void, OnClose, (int reason), (override));
     MOCK_METHOD(void, OnBlock, (), (override));
     MOCK_METHOD(void, OnOpen, (), (override));
-};
-
-// A loopback server that keeps every connection it accepts.
-class Server
-{
-public:
-    Server()
-    {
-        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
-            while (QTcpSocket* socket = m_server.nextPendingConnection())
-                m_sockets.emplace_back(socket);
-        });
-    }
-    bool Listen() { return m_server.listen(QHostAddress::LocalHost, 0); }
-    int Port() const { return m_server.serverPort(); }
-    int Count() const { return static_cast<int>(m_sockets.size()); }
-    QTcpSocket& At(int index) { return *m_sockets.at(index); }
-    bool WaitForConnections(int count)
-    {
-        return velatest::SpinUntil([this, count] { return Count() >= count; }, KDeadlineMs);
-    }
-    // Everything connection index has received so far, once it holds size bytes.
-    bool WaitForBytes(int index, int size, QByteArray& out)
-    {
-        return velatest::SpinUntil(
-            [&] {
-                out += m_sockets.at(index)->readAll();
-                return out.size() >= size;
-            },
-            KDeadlineMs);
-    }
-    bool WaitForPeerClose(int index)
-    {
-        return velatest::SpinUntil(
-            [&] {
-                m_sockets.at(index)->readAll();
-                return m_sockets.at(index)->state() == QAbstractSocket::UnconnectedState;
-            },
-            KDeadlineMs);
-    }
-
-private:
-    QTcpServer m_server;
-    std::vector<std::unique_ptr<QTcpSocket>> m_sockets;
 };
 
 // A port on 127.0.0.1 where nothing listens: connects to it are refused.

@@ -7,6 +7,7 @@
 
 #include "src/SocketsEngine.h"
 
+#include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
 #include <QHostAddress>
@@ -36,61 +37,15 @@ public:
 
 namespace {
 
+using MockObserver = velatest::MockTcpConObserver;
+using Server = velatest::LoopbackServer;
+
 using ::testing::_;
 using ::testing::Invoke;
 using ::testing::StrictMock;
 using Peer = CTcpConnectionTestPeer;
 
 constexpr int KDeadlineMs = 10000;
-
-class MockObserver : public ITcpConObserver
-{
-public:
-    MOCK_METHOD(void, OnRecv, (const unsigned char* data, int length), (override));
-    MOCK_METHOD(void, OnSend, (), (override));
-    MOCK_METHOD(void, OnConnected, (), (override));
-    MOCK_METHOD(void, OnClose, (int reason), (override));
-    MOCK_METHOD(void, OnBlock, (), (override));
-    MOCK_METHOD(void, OnOpen, (), (override));
-};
-
-class Server
-{
-public:
-    Server()
-    {
-        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
-            while (QTcpSocket* socket = m_server.nextPendingConnection())
-                m_sockets.emplace_back(socket);
-        });
-    }
-    bool Listen() { return m_server.listen(QHostAddress::LocalHost, 0); }
-    int Port() const { return m_server.serverPort(); }
-    int Count() const { return static_cast<int>(m_sockets.size()); }
-    QTcpSocket& At(int index) { return *m_sockets.at(index); }
-    bool WaitForBytes(int index, int size, QByteArray& out)
-    {
-        return velatest::SpinUntil(
-            [&] {
-                out += m_sockets.at(index)->readAll();
-                return out.size() >= size;
-            },
-            KDeadlineMs);
-    }
-    bool WaitForPeerClose(int index)
-    {
-        return velatest::SpinUntil(
-            [&] {
-                m_sockets.at(index)->readAll();
-                return m_sockets.at(index)->state() == QAbstractSocket::UnconnectedState;
-            },
-            KDeadlineMs);
-    }
-
-private:
-    QTcpServer m_server;
-    std::vector<std::unique_ptr<QTcpSocket>> m_sockets;
-};
 
 // Writable text for Connect, which takes char*.
 std::vector<char> Text(const std::string& text)
