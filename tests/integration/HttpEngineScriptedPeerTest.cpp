@@ -158,40 +158,16 @@ QByteArray ExpectedPost(const QString& url, int encodingMode, const QByteArray& 
     return bytes ? QByteArray(reinterpret_cast<const char*>(bytes.get()), len) : QByteArray();
 }
 
-QByteArray Gzip(const QByteArray& in)
-{
-    z_stream zs{};
-    EXPECT_EQ(Z_OK, deflateInit2(&zs, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY));
-    QByteArray out(static_cast<int>(deflateBound(&zs, static_cast<uLong>(in.size())) + 64), '\0');
-    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.constData()));
-    zs.avail_in = static_cast<uInt>(in.size());
-    zs.next_out = reinterpret_cast<Bytef*>(out.data());
-    zs.avail_out = static_cast<uInt>(out.size());
-    EXPECT_EQ(Z_STREAM_END, deflate(&zs, Z_FINISH));
-    out.resize(static_cast<int>(zs.total_out));
-    deflateEnd(&zs);
-    return out;
-}
+using velatest::Gzip;
 
 QByteArray Compressible(int size)
 {
-    static const char* const words[] = {"alpha ", "bravo ", "charlie ", "delta ", "echo\n", "foxtrot ", "golf "};
-    QByteArray out;
-    std::uint32_t state = 777;
-    while (out.size() < size) {
-        state = state * 1103515245u + 12345u;
-        out += words[(state >> 16) % 7];
-    }
-    out.resize(size);
-    return out;
+    return velatest::CompressibleText(size, 777u);
 }
 
 QByteArray Pattern(int size)
 {
-    QByteArray out(size, '\0');
-    for (int i = 0; i < size; ++i)
-        out[i] = static_cast<char>('a' + (i * 7) % 26);
-    return out;
+    return velatest::LetterPattern(size);
 }
 
 bool CachedFresh(const QString& host, quint32& ip)

@@ -6,6 +6,11 @@
 #include <QEventLoop>
 #include <QUuid>
 
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <cstdint>
+
 namespace velatest {
 
 bool SpinUntil(const std::function<bool()>& cond, int deadlineMs)
@@ -60,6 +65,46 @@ TempDir::TempDir()
 TempDir::~TempDir()
 {
     QDir(m_path).removeRecursively();
+}
+
+}  // namespace velatest
+
+namespace velatest {
+
+QByteArray Gzip(const QByteArray& in)
+{
+    z_stream zs{};
+    EXPECT_EQ(Z_OK, deflateInit2(&zs, 9, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY));
+    QByteArray out(static_cast<int>(deflateBound(&zs, static_cast<uLong>(in.size())) + 64), '\0');
+    zs.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(in.constData()));
+    zs.avail_in = static_cast<uInt>(in.size());
+    zs.next_out = reinterpret_cast<Bytef*>(out.data());
+    zs.avail_out = static_cast<uInt>(out.size());
+    EXPECT_EQ(Z_STREAM_END, deflate(&zs, Z_FINISH));
+    out.resize(static_cast<int>(zs.total_out));
+    deflateEnd(&zs);
+    return out;
+}
+
+QByteArray CompressibleText(int size, unsigned int seed)
+{
+    static const char* const words[] = {"alpha ", "bravo ", "charlie ", "delta ", "echo\n", "foxtrot ", "golf "};
+    QByteArray out;
+    std::uint32_t state = seed;
+    while (out.size() < size) {
+        state = state * 1103515245u + 12345u;
+        out += words[(state >> 16) % 7];
+    }
+    out.resize(size);
+    return out;
+}
+
+QByteArray LetterPattern(int size)
+{
+    QByteArray out(size, '\0');
+    for (int i = 0; i < size; ++i)
+        out[i] = static_cast<char>('a' + (i * 7) % 26);
+    return out;
 }
 
 }  // namespace velatest

@@ -19,6 +19,14 @@ void ProcessPendingEvents();
 std::string Visible(const QByteArray& bytes);
 std::string Visible(const unsigned char* data, int len);
 
+// A gzip member of in (zlib, level 9), for bodies marked gzip.
+QByteArray Gzip(const QByteArray& in);
+// size bytes of words chosen by a linear congruential generator started at
+// seed: text that compresses well and differs between seeds.
+QByteArray CompressibleText(int size, unsigned int seed);
+// size bytes 'a' + (i * 7) % 26: a body whose every offset is checkable.
+QByteArray LetterPattern(int size);
+
 // A fresh empty directory under the system temporary directory, removed
 // with its contents when the object goes away.
 class TempDir
