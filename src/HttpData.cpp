@@ -98,6 +98,26 @@ Span AuthorityUntil(const CQSString& url, const char* stopSet)
     return span;
 }
 
+// A bracketed IPv6 literal at the start of the authority ("[::1]:8080"):
+// the span between the brackets, or an empty span when the authority does
+// not start with "[" or its "]" does not come before the first "/" or "?".
+Span BracketedHost(const CQSString& url)
+{
+    const char* end = nullptr;
+    const char* p = AuthorityStart(url, &end);
+    Span span;
+    if (!p || p >= end || *p != '[')
+        return span;
+    for (const char* q = p + 1; q < end && *q != '/' && *q != '?'; ++q) {
+        if (*q == ']') {
+            span.data = p + 1;
+            span.len = static_cast<int>(q - span.data);
+            return span;
+        }
+    }
+    return span;
+}
+
 Span PathOf(const CQSString& url)
 {
     const char* end = nullptr;
@@ -236,6 +256,11 @@ void CHttpData::SetUserAgent(const CQSString&, const CQSString&, const CQSString
 
 char* CHttpData::FindHost(const CQSString& url, int& len)
 {
+    const Span literal = BracketedHost(url);
+    if (literal.data) {
+        len = literal.len;
+        return const_cast<char*>(literal.data);
+    }
     const Span host = AuthorityUntil(url, "/:?");
     len = host.len;
     return const_cast<char*>(host.data);
@@ -273,9 +298,16 @@ int CHttpData::FindPort() const
     const bool secure = !FindText(data, urlLen, KSchemeHttp) && FindText(data, urlLen, KSchemeHttps);
     const int defaultPort = secure ? KDefaultHttpsPort : KDefaultHttpPort;
 
-    const Span authority = AuthorityUntil(m_strURL, "/?");
+    Span authority = AuthorityUntil(m_strURL, "/?");
     if (!authority.data)
         return defaultPort;
+    // The colons inside a bracketed literal are not the port's.
+    const Span literal = BracketedHost(m_strURL);
+    if (literal.data) {
+        const char* afterBracket = literal.data + literal.len + 1;
+        authority.len -= static_cast<int>(afterBracket - authority.data);
+        authority.data = afterBracket;
+    }
     const char* colon =
         static_cast<const char*>(std::memchr(authority.data, ':', static_cast<size_t>(authority.len)));
     if (!colon)

@@ -9,6 +9,8 @@
 //   url       = *anything scheme authority [ path ]
 //   scheme    = "http://" | "https://"     ; first "http://" anywhere wins
 //   authority = host [ ":" port ]          ; ends at the first "/" or "?"
+//   host      = "[" literal "]" | *anything ; a bracketed IPv6 literal is
+//                                           ; the host without its brackets
 //   path      = ( "/" | "?" ) *anything    ; to the end of the text
 // Nothing is validated: what does not match answers "nothing" (a null
 // pointer with length 0, or the default port).
@@ -135,7 +137,9 @@ public:
 
     // ---- URL dissection (no allocation except FindHost(const CQSString&))
     // Host of url: ends at the first "/", ":" or "?". Null and len 0 without
-    // a scheme or with nothing after it.
+    // a scheme or with nothing after it. An authority that starts with "["
+    // and has its "]" before the first "/" or "?" is an IPv6 literal: the
+    // host is the text between the brackets ("::1" of "http://[::1]:80/").
     static char* FindHost(const CQSString& url, int& len);
     char* FindHost(int& len) const;
     // A new string holding the host of url (empty when there is none);
@@ -145,7 +149,8 @@ public:
     // starting with "#" is returned whole.
     char* FindHostURL(int& len) const;
     // 80 by default, 443 for "https://" without a port; a port text that
-    // reads as 0 or less gives 80 (also for https).
+    // reads as 0 or less gives 80 (also for https). The port of a bracketed
+    // literal follows its "]".
     int FindPort() const;
     // From the first "/" or "?" after the scheme to the end of the text.
     char* FindPath(int& len) const;

@@ -649,6 +649,16 @@ const UrlRow kUrlRows[] = {
     {"scheme-found-anywhere", "see http://in.text/x", "in.text", "in.text", "/x", 80, false},
     {"http-wins-over-https", "https://a.test/?r=http://b.test:9/z", "b.test", "b.test:9", "/z", 9, true},
     {"hash-url", "#frag", "<null>", "#frag", "<null>", 80, false},
+    {"ipv6-literal-with-port", "http://[::1]:8080/x", "::1", "[::1]:8080", "/x", 8080, false},
+    {"ipv6-literal-without-port", "http://[::1]/x", "::1", "[::1]", "/x", 80, false},
+    {"ipv6-literal-https-default", "https://[2001:db8::7]", "2001:db8::7", "[2001:db8::7]", "<null>", 443, true},
+    {"ipv6-literal-https-port", "https://[::1]:8443/", "::1", "[::1]:8443", "/", 8443, true},
+    {"ipv6-literal-before-query", "http://[::1]:82?x", "::1", "[::1]:82", "?x", 82, false},
+    {"ipv6-literal-text-after-bracket", "http://[::1]x/", "::1", "[::1]x", "/", 80, false},
+    {"ipv6-literal-empty-brackets", "http://[]:81/", "", "[]:81", "/", 81, false},
+    {"ipv6-literal-unclosed", "http://[::1/x", "[", "[::1", "/x", 80, false},
+    {"ipv6-literal-bracket-after-slash", "http://[::1/]x", "[", "[::1", "/]x", 80, false},
+    {"bracket-not-first", "http://a[::1]:83/", "a[", "a[::1]:83", "/", 80, false},
     {"empty", "", "<null>", "<null>", "<null>", 80, false},
 };
 
@@ -688,6 +698,28 @@ TEST_F(HttpDataTest, IsSameHostNeedsAHostOfItsOwn)
     EXPECT_FALSE(data.IsSameHost("http://a/"));
     data.SetURL("http:///x");
     EXPECT_FALSE(data.IsSameHost("http:///y"));
+}
+
+TEST_F(HttpDataTest, IsSameHostComparesIPv6LiteralsWithoutBrackets)
+{
+    data.SetURL("http://[::1]:8080/a");
+    EXPECT_TRUE(data.IsSameHost("http://[::1]/b"));
+    EXPECT_FALSE(data.IsSameHost("http://[::2]:8080/a"));
+    EXPECT_FALSE(data.IsSameHost("http://127.0.0.1:8080/a"));
+}
+
+TEST_F(HttpDataTest, IPv6LiteralGoesOnTheWireWithItsBrackets)
+{
+    data.SetURL("http://[::1]:8080/x");
+    int len = 0;
+    const std::unique_ptr<unsigned char[]> bytes(data.GetMethodData(17, len, 0, 0));
+    ASSERT_TRUE(bytes);
+    const std::string head(reinterpret_cast<char*>(bytes.get()), static_cast<size_t>(len));
+    EXPECT_EQ(0u, head.find("GET /x HTTP/1.1\r\nHost: [::1]:8080\r\n"));
+    const std::unique_ptr<unsigned char[]> absolute(data.GetMethodData(17, len, 0, 1));
+    ASSERT_TRUE(absolute);
+    EXPECT_EQ(0u, std::string(reinterpret_cast<char*>(absolute.get()), static_cast<size_t>(len))
+                      .find("GET http://[::1]:8080/x HTTP/1.1\r\nHost: [::1]:8080\r\n"));
 }
 
 TEST_F(HttpDataTest, IsSecureConnectionLooksAnywhere)
