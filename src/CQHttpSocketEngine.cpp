@@ -38,11 +38,20 @@
 // the system CAs plus those given to AddCaCertificates, reports 32 once the
 // handshake is done, and any certificate error fails it with event 34.
 //
-// Host lookup. A literal address connects at once. Otherwise the DNS cache
-// is asked for a fresh entry, else QHostInfo: the first IPv4 address of the
-// answer is stored in the cache and used; an answer without one falls back
-// on any cached entry, however old, and only then reports 36. The answer of
-// a lookup that was cancelled is ignored.
+// Tunnel. An https exchange through a proxy looks up and connects to the
+// proxy, writes a CONNECT request for the server's host and port, reads the
+// proxy's reply head (peeking no further than the head), and on a 2xx reply
+// starts TLS with the server on the same socket, verified against the
+// server's name. A refusal is reported with its status; anything else that
+// goes wrong is event 34. The tunnel code is the ProxyTunnel unit's.
+//
+// Host lookup. A literal address (IPv4 or IPv6) connects at once. Otherwise
+// the DNS cache is asked for a fresh entry, else QHostInfo: the first IPv4
+// address of the answer is stored in the cache and used; an answer without
+// one but with IPv6 addresses uses the first of those (the cache holds IPv4
+// only, so such a host is looked up every time); an answer without any
+// address falls back on any cached entry, however old, and only then
+// reports 36. The answer of a lookup that was cancelled is ignored.
 //
 // Resumable upload. A block request is its text followed directly by the
 // block's bytes, written with one call; the path of each block is the key
@@ -58,6 +67,7 @@
 #include "BaseClass/src/QtAssert.h"
 #include "src/DNSCache.h"
 #include "src/RequestHeaderUnit.h"
+#include "src/internal/ProxyTunnel_p.h"
 
 #include <QHostAddress>
 #include <QMetaObject>
@@ -244,6 +254,9 @@ QSslSocket* CQHttpSocketEngine::SecureSocket()
             &CQHttpSocketEngine::OnSslErrors);
     // Encrypted bytes leaving the socket make room in the send window too.
     connect(iSecureSocket, &QSslSocket::encryptedBytesWritten, this, &CQHttpSocketEngine::OnDataSend);
+    // The plain phase of a connection through a proxy's tunnel.
+    connect(iSecureSocket, &QAbstractSocket::connected, this, &CQHttpSocketEngine::OnTunnelConnected);
+    connect(iSecureSocket, &QIODevice::readyRead, this, &CQHttpSocketEngine::OnTunnelReadyRead);
     return iSecureSocket;
 }
 
@@ -288,6 +301,13 @@ void CQHttpSocketEngine::SetPort(int port)
 void CQHttpSocketEngine::SetSecure(bool secure)
 {
     iSecure = secure;
+}
+
+void CQHttpSocketEngine::SetTunnel(const QByteArray& proxyHost, int proxyPort, const QByteArray& authorization)
+{
+    iTunnelHost = proxyHost.left(KMaxServerNameLength);
+    iTunnelPort = proxyPort;
+    iTunnelAuthorization = authorization;
 }
 
 void CQHttpSocketEngine::SetIapEngine(CIAPConnectEngine* engine)
@@ -337,6 +357,16 @@ QString CQHttpSocketEngine::HostText() const
     return QString::fromLatin1(iServerName.constData(), zero < 0 ? iServerName.size() : zero);
 }
 
+bool CQHttpSocketEngine::Tunnelling() const
+{
+    return iSecure && !iTunnelHost.isEmpty();
+}
+
+QString CQHttpSocketEngine::ConnectName() const
+{
+    return Tunnelling() ? QString::fromLatin1(iTunnelHost) : HostText();
+}
+
 QTcpSocket* CQHttpSocketEngine::CurrentSocket()
 {
     if (iSecure && iSecureSocket != nullptr)
@@ -374,7 +404,7 @@ int CQHttpSocketEngine::ConnectL()
 int CQHttpSocketEngine::ConnectServer()
 {
     ++iGeneration;
-    const QString host = HostText();
+    const QString host = ConnectName();
     QHostAddress literal;
     if (literal.setAddress(host))
         return ConnectByIP(host);
@@ -395,7 +425,7 @@ int CQHttpSocketEngine::StartDNS()
     // By slot name: the answer then travels on a connection that goes with
     // this engine, where a slot object would be leaked by Qt when the engine
     // is destroyed before the answer comes.
-    iLookupId = QHostInfo::lookupHost(HostText(), this, SLOT(OnGetIPAddress(QHostInfo)));
+    iLookupId = QHostInfo::lookupHost(ConnectName(), this, SLOT(OnGetIPAddress(QHostInfo)));
     static_cast<void>(iDnsCounter.IncreaseOne());
     // The answer always comes through the event loop, so reporting after
     // starting the lookup keeps the order 38, then 37 or 36; an observer
@@ -421,16 +451,9 @@ void CQHttpSocketEngine::OnGetIPAddress(const QHostInfo& info)
         return;
     iLookupId = KNoLookup;
 
-    const QString host = HostText();
+    const QString host = ConnectName();
     CDNSCache* cache = CDNSCache::GetOrCreateRegistered();
-    QHostAddress address;
-    const QList<QHostAddress> addresses = info.addresses();
-    for (const QHostAddress& candidate : addresses) {
-        if (candidate.protocol() == QAbstractSocket::IPv4Protocol) {
-            address = candidate;
-            break;
-        }
-    }
+    const QHostAddress address = ChooseAddress(info.addresses());
 
     if (address.isNull()) {
         // Nothing usable: an entry of an earlier run, however old, is
@@ -447,13 +470,27 @@ void CQHttpSocketEngine::OnGetIPAddress(const QHostInfo& info)
     }
 
     iStatus = HSES_Resolved;
-    if (cache != nullptr)
+    // The cache file holds IPv4 addresses only.
+    if (cache != nullptr && address.protocol() == QAbstractSocket::IPv4Protocol)
         cache->Update(CQWString(host), address.toIPv4Address());
     const quint64 generation = iGeneration;
     SetSocketEvent(KEventResolved, 0);
     // The observer may have cancelled or restarted the engine meanwhile.
     if (generation == iGeneration && iStatus == HSES_Resolved)
         ConnectByIP(address.toString());
+}
+
+QHostAddress CQHttpSocketEngine::ChooseAddress(const QList<QHostAddress>& addresses)
+{
+    for (const QHostAddress& candidate : addresses) {
+        if (candidate.protocol() == QAbstractSocket::IPv4Protocol)
+            return candidate;
+    }
+    for (const QHostAddress& candidate : addresses) {
+        if (candidate.protocol() == QAbstractSocket::IPv6Protocol)
+            return candidate;
+    }
+    return QHostAddress();
 }
 
 int CQHttpSocketEngine::ConnectByIP(const QString& ip)
@@ -466,16 +503,21 @@ int CQHttpSocketEngine::ConnectByIP(const QString& ip)
     iSliceCount = 0;
     // Set before connecting: a loopback connect may report at once.
     iStatus = HSES_Connecting;
-    const quint16 port = static_cast<quint16>(iPort);
+    const quint16 port = static_cast<quint16>(Tunnelling() ? iTunnelPort : iPort);
+    iTunnelPhase = TP_None;
     if (iSecure) {
         AbortSocket(&iSocket);
         QSslSocket* socket = SecureSocket();
         AbortSocket(socket);
-        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-        if (!ExtraCaCertificates().isEmpty())
-            configuration.addCaCertificates(ExtraCaCertificates());
-        socket->setSslConfiguration(configuration);
-        socket->connectToHostEncrypted(ip, port, HostText(), QIODevice::ReadWrite);
+        ConfigureTls(socket);
+        if (Tunnelling()) {
+            // Plain to the proxy first; TLS starts once the tunnel stands.
+            iTunnelPhase = TP_Connecting;
+            iTunnelReply.clear();
+            socket->connectToHost(ip, port, QIODevice::ReadWrite);
+        } else {
+            socket->connectToHostEncrypted(ip, port, HostText(), QIODevice::ReadWrite);
+        }
     } else {
         if (iSecureSocket != nullptr)
             AbortSocket(iSecureSocket);
@@ -483,6 +525,79 @@ int CQHttpSocketEngine::ConnectByIP(const QString& ip)
         iSocket.connectToHost(ip, port, QIODevice::ReadWrite);
     }
     return KDone;
+}
+
+void CQHttpSocketEngine::ConfigureTls(QSslSocket* socket) const
+{
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    if (!ExtraCaCertificates().isEmpty())
+        configuration.addCaCertificates(ExtraCaCertificates());
+    socket->setSslConfiguration(configuration);
+}
+
+void CQHttpSocketEngine::OnTunnelConnected()
+{
+    if (!IsFromCurrentSocket() || iTunnelPhase != TP_Connecting || iStatus != HSES_Connecting)
+        return;
+    iTunnelPhase = TP_AwaitingReply;
+    const int zero = iServerName.indexOf('\0');
+    const int hostLen = zero < 0 ? iServerName.size() : zero;
+    iSecureSocket->write(velanet::ConnectRequest(iServerName.constData(), hostLen, iPort, iTunnelAuthorization));
+}
+
+void CQHttpSocketEngine::OnTunnelReadyRead()
+{
+    if (!IsFromCurrentSocket() || iTunnelPhase != TP_AwaitingReply || iStatus != HSES_Connecting)
+        return;
+    ReadTunnelReply(iSecureSocket);
+}
+
+void CQHttpSocketEngine::ReadTunnelReply(QSslSocket* socket)
+{
+    // Never more than the reply head's limit: bytes past the head would be
+    // TLS records, which the proxy cannot have before the client's hello.
+    iTunnelReply += socket->read(KTunnelReplyLimit - iTunnelReply.size());
+    for (;;) {
+        int status = 0;
+        const int head = velanet::ReadConnectReply(reinterpret_cast<const unsigned char*>(iTunnelReply.constData()),
+                                                   iTunnelReply.size(), status);
+        if (head == velanet::KConnectReplyIncomplete) {
+            if (iTunnelReply.size() >= KTunnelReplyLimit)
+                break;
+            return;
+        }
+        if (head == velanet::KConnectReplyMalformed)
+            break;
+        iTunnelReply.remove(0, head);
+        // An interim reply: the final one follows.
+        if (status >= 100 && status <= 199)
+            continue;
+        if (status < 200 || status > 299) {
+            RefuseTunnel(socket, status);
+            return;
+        }
+        if (!iTunnelReply.isEmpty() || socket->bytesAvailable() > 0)
+            break;
+        iTunnelPhase = TP_Handshake;
+        socket->setPeerVerifyName(HostText());
+        socket->startClientEncryption();
+        return;
+    }
+    // Not a reply this engine can go on from: a failed connection.
+    iTunnelPhase = TP_None;
+    DeferSocketFailure(QAbstractSocket::ProxyProtocolError);
+}
+
+void CQHttpSocketEngine::RefuseTunnel(QSslSocket* socket, int status)
+{
+    ++iGeneration;
+    ++iConnection;
+    iStatus = HSES_Idle;
+    iBusy = false;
+    iTunnelPhase = TP_None;
+    AbortSocket(socket);
+    if (iObserver != nullptr)
+        iObserver->OnSocketEngine_TunnelRefused(status);
 }
 
 void CQHttpSocketEngine::AbortSocket(QTcpSocket* socket)
@@ -867,6 +982,10 @@ void CQHttpSocketEngine::CancelEngine()
     iDnsCounter.ReCount();
     iStatus = HSES_Idle;
     iSecure = false;
+    iTunnelPhase = TP_None;
+    iTunnelHost.clear();
+    iTunnelAuthorization.clear();
+    iTunnelReply.clear();
     CloseIap();
 }
 

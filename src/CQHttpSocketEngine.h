@@ -13,6 +13,8 @@
 //   100 --ConnectL, cache hit or literal address--> 104 connecting
 //   104 --connected--> 106 --slice written--> 107 --all sent--> 108 receiving
 //   any --socket error--> 100;  CancelEngine --> 100
+// An https exchange through a proxy stays in 104 while the proxy is asked
+// for a tunnel (CONNECT) and TLS runs through it; a refusal returns to 100.
 //
 // Resumable upload (send mode 2): each block of the file is a request of its
 // own on the same connection; the server's reply says how much of the file
@@ -58,6 +60,10 @@ public:
     // The body ended with the connection (or the last chunk).
     virtual int OnSocketEngine_ReceivDataEnd() = 0;
     virtual unsigned char* OnSocketEngine_GetMoreSendData(int offset, int& len) = 0;
+    // The proxy answered the tunnel request (CONNECT) with a status outside
+    // 200..299; the connection is closed already. An observer that does not
+    // tell it apart hears a socket error.
+    virtual void OnSocketEngine_TunnelRefused(int /*status*/) { OnSocketEngine_SocketEvent(34, 0); }
 };
 
 class CQHttpSocketEngine : public QObject, public MIAPConnectStateObserver
@@ -125,6 +131,14 @@ public:
     void SetPort(int port);
     // An https request: connect with TLS and verify the host name.
     void SetSecure(bool secure);
+    // Reach the server of the next https exchange through an HTTP proxy:
+    // the lookup and the TCP connection go to proxyHost:proxyPort, which is
+    // asked with CONNECT for a tunnel to the server name and port (with a
+    // Proxy-Authorization line when authorization is not empty); TLS with
+    // the server, verified against the server name, then runs through it.
+    // An empty proxyHost, or an exchange that is not secure: no tunnel.
+    // CancelEngine forgets the tunnel, as it forgets the secure flag.
+    void SetTunnel(const QByteArray& proxyHost, int proxyPort, const QByteArray& authorization);
     // The access point engine to register with (not owned).
     void SetIapEngine(CIAPConnectEngine* engine);
 
@@ -197,6 +211,8 @@ private slots:
     void OnDataReceive();
     void OnGetIPAddress(const QHostInfo& info);
     void OnSslErrors(const QList<QSslError>& errors);
+    void OnTunnelConnected();
+    void OnTunnelReadyRead();
 
 private:
     explicit CQHttpSocketEngine(MSocketEngineObserver* observer);
@@ -233,6 +249,18 @@ private:
 
     // serverName up to its first zero byte, one character per byte.
     QString HostText() const;
+    // The name that is looked up and connected to: the proxy's when the
+    // exchange goes through a tunnel, else HostText().
+    QString ConnectName() const;
+    bool Tunnelling() const;
+    // The trusted CAs of every TLS connection.
+    void ConfigureTls(QSslSocket* socket) const;
+    // The proxy's reply to CONNECT: TLS through the tunnel on 2xx, the
+    // refusal reported otherwise, event 34 for what is no reply.
+    void ReadTunnelReply(QSslSocket* socket);
+    void RefuseTunnel(QSslSocket* socket, int status);
+    // Of a lookup's addresses: the first IPv4 one, else the first IPv6 one.
+    static QHostAddress ChooseAddress(const QList<QHostAddress>& addresses);
     // The socket of the current (or last) connection.
     QTcpSocket* CurrentSocket();
     // Request bytes the socket holds and has not written yet (for TLS the
@@ -323,6 +351,22 @@ private:
     // Bumped by every new connection and every close: a failure deferred
     // from an older connection is dropped.
     quint64 iConnection = 0;
+
+    // Progress of a connection through a proxy's tunnel (status 104 all along).
+    enum enTunnelPhase : int
+    {
+        TP_None = 0,           // no tunnel, or the tunnel is done
+        TP_Connecting = 1,     // TCP connect to the proxy; connected() sends CONNECT
+        TP_AwaitingReply = 2,  // CONNECT sent; the reply head moves on
+        TP_Handshake = 3,      // TLS with the server; encrypted() reports 32
+    };
+    // Bytes of the proxy's reply head that may come before it is refused.
+    static constexpr int KTunnelReplyLimit = 10240;
+    QByteArray iTunnelHost;            // empty: no tunnel
+    int iTunnelPort = 0;
+    QByteArray iTunnelAuthorization;   // "Basic ..." or empty
+    QByteArray iTunnelReply;           // the reply head read so far
+    enTunnelPhase iTunnelPhase = TP_None;
 };
 
 #endif

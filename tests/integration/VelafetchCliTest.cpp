@@ -59,6 +59,12 @@ RunResult RunProgram(const QString& program, const QStringList& args, const QStr
     QProcess process;
     if (!workDir.isEmpty())
         process.setWorkingDirectory(workDir);
+    // A proxy of the machine running the tests must not come between the
+    // program and the servers started here.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "no_proxy", "NO_PROXY"})
+        environment.remove(name);
+    process.setProcessEnvironment(environment);
     process.start(program, args);
     RunResult result;
     if (!process.waitForStarted(10000))

@@ -87,7 +87,8 @@ void StopProcess(QProcess* process, int signalNumber)
 // Spins the event loop until a connection to 127.0.0.1:port succeeds, the
 // process has ended, or the deadline passes. True only for a connection
 // while the process runs.
-bool WaitForPort(quint16 port, const QProcess& process, int deadlineMs)
+bool WaitForPort(quint16 port, const QProcess& process, int deadlineMs,
+                 const QHostAddress& address = QHostAddress(QHostAddress::LocalHost))
 {
     QTcpSocket probe;
     QElapsedTimer sinceAttempt;
@@ -100,7 +101,7 @@ bool WaitForPort(quint16 port, const QProcess& process, int deadlineMs)
             if (probe.state() == QAbstractSocket::UnconnectedState &&
                 (!sinceAttempt.isValid() || sinceAttempt.elapsed() >= KProbeIntervalMs)) {
                 sinceAttempt.start();
-                probe.connectToHost(QHostAddress(QHostAddress::LocalHost), port);
+                probe.connectToHost(address, port);
             }
             return false;
         },
@@ -125,6 +126,21 @@ quint16 FreePort()
     const quint16 port = probe.serverPort();
     probe.close();
     return port;
+}
+
+quint16 FreePortIPv6()
+{
+    QTcpServer probe;
+    if (!probe.listen(QHostAddress(QHostAddress::LocalHostIPv6), 0))
+        return 0;
+    const quint16 port = probe.serverPort();
+    probe.close();
+    return port;
+}
+
+bool HasIPv6Loopback()
+{
+    return FreePortIPv6() != 0;
 }
 
 // --- TestCertificates ------------------------------------------------------
@@ -242,6 +258,11 @@ QString NginxServer::TlsUrl(const QString& path) const
     return QString("https://localhost:%1%2").arg(m_tlsPort).arg(path);
 }
 
+QString NginxServer::Ipv6Url(const QString& path) const
+{
+    return QString("http://[::1]:%1%2").arg(m_ipv6Port).arg(path);
+}
+
 QByteArray NginxServer::Config() const
 {
     const QByteArray temp = m_dir.File("temp").toUtf8();
@@ -280,7 +301,9 @@ QByteArray NginxServer::Config() const
                         "    default_type application/octet-stream;\n"
                         "    sendfile " + QByteArray(m_options.sendfile ? "on" : "off") + ";\n"
                         "    server {\n"
-                        "        listen 127.0.0.1:" + QByteArray::number(m_port) + ";\n"
+                        "        listen 127.0.0.1:" + QByteArray::number(m_port) + ";\n" +
+                        (m_options.ipv6 ? "        listen [::1]:" + QByteArray::number(m_ipv6Port) + ";\n"
+                                        : QByteArray()) +
                         "        server_name localhost;\n" + site +
                         "    }\n";
     if (m_options.tls) {
@@ -311,6 +334,14 @@ bool NginxServer::StartOnce(int deadlineMs, bool& portTaken)
         m_error = "no free port on 127.0.0.1";
         return false;
     }
+    m_ipv6Port = 0;
+    if (m_options.ipv6) {
+        m_ipv6Port = FreePortIPv6();
+        if (m_ipv6Port == 0) {
+            m_error = "no free port on ::1";
+            return false;
+        }
+    }
     const QString pidFile = m_dir.File("nginx.pid");
     QFile::remove(pidFile);
     QFile::remove(ErrorLogPath());
@@ -334,7 +365,9 @@ bool NginxServer::StartOnce(int deadlineMs, bool& portTaken)
         Remaining(clock, deadlineMs));
     const bool running = bound && m_process->state() == QProcess::Running;
     if (running && WaitForPort(m_port, *m_process, Remaining(clock, deadlineMs)) &&
-        (!m_options.tls || WaitForPort(m_tlsPort, *m_process, Remaining(clock, deadlineMs))))
+        (!m_options.tls || WaitForPort(m_tlsPort, *m_process, Remaining(clock, deadlineMs))) &&
+        (!m_options.ipv6 || WaitForPort(m_ipv6Port, *m_process, Remaining(clock, deadlineMs),
+                                        QHostAddress(QHostAddress::LocalHostIPv6))))
         return true;
 
     StopProcess(m_process.get(), SIGTERM);
@@ -475,6 +508,144 @@ void HttpbinServer::Stop()
 }
 
 bool HttpbinServer::IsRunning() const
+{
+    return m_process && m_process->state() == QProcess::Running;
+}
+
+// --- TinyproxyServer -------------------------------------------------------
+
+TinyproxyServer::TinyproxyServer(const TinyproxyOptions& options) : m_options(options) {}
+
+TinyproxyServer::~TinyproxyServer()
+{
+    Stop();
+}
+
+QString TinyproxyServer::Executable()
+{
+    const QString fixed("/usr/bin/tinyproxy");
+    if (QFileInfo(fixed).isExecutable())
+        return fixed;
+    return QStandardPaths::findExecutable("tinyproxy");
+}
+
+QString TinyproxyServer::Version()
+{
+    if (Executable().isEmpty())
+        return QString();
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(Executable(), QStringList{"-v"});
+    if (!process.waitForFinished(KStopDeadlineMs))
+        return QString();
+    // "tinyproxy 1.11.1"
+    const QStringList words = QString::fromUtf8(process.readAll()).simplified().split(' ');
+    return words.size() >= 2 ? words.at(1) : QString();
+}
+
+bool TinyproxyServer::SupportsBasicAuth()
+{
+    const QStringList parts = Version().split('.');
+    if (parts.size() < 2)
+        return false;
+    const int major = parts.at(0).toInt();
+    const int minor = parts.at(1).toInt();
+    return major > 1 || (major == 1 && minor >= 10);
+}
+
+QString TinyproxyServer::Url(bool withCredentials) const
+{
+    QString credentials;
+    if (withCredentials && !m_options.user.isEmpty())
+        credentials = QString::fromUtf8(m_options.user.toPercentEncoding() + ':' +
+                                        m_options.password.toPercentEncoding() + '@');
+    return QString("http://%1127.0.0.1:%2").arg(credentials).arg(m_port);
+}
+
+QByteArray TinyproxyServer::Log() const
+{
+    return ReadFile(LogPath());
+}
+
+QByteArray TinyproxyServer::Config() const
+{
+    QByteArray config = "Port " + QByteArray::number(m_port) + "\n"
+                        "Listen 127.0.0.1\n"
+                        "Timeout 60\n"
+                        "LogFile " + Quoted(LogPath()) + "\n"
+                        "LogLevel Info\n"
+                        "MaxClients 64\n"
+                        "Allow 127.0.0.1\n";
+    for (const quint16 port : m_options.connectPorts)
+        config += "ConnectPort " + QByteArray::number(port) + "\n";
+    if (!m_options.user.isEmpty())
+        config += "BasicAuth " + m_options.user + " " + m_options.password + "\n";
+    return config;
+}
+
+bool TinyproxyServer::StartOnce(int deadlineMs, bool& portTaken)
+{
+    QElapsedTimer clock;
+    clock.start();
+    portTaken = false;
+    m_port = FreePort();
+    if (m_port == 0) {
+        m_error = "no free port on 127.0.0.1";
+        return false;
+    }
+    const QString configPath = m_dir.File("tinyproxy.conf");
+    QFile::remove(LogPath());
+    if (!WriteFile(configPath, Config())) {
+        m_error = "cannot write " + configPath;
+        return false;
+    }
+    m_process = std::make_unique<ChildProcess>();
+    m_process->setStandardOutputFile(m_dir.File("stdout.log"));
+    m_process->setStandardErrorFile(m_dir.File("stderr.log"));
+    m_process->start(Executable(), QStringList{"-d", "-c", configPath});
+    if (!m_process->waitForStarted(Remaining(clock, deadlineMs))) {
+        m_error = "tinyproxy did not start: " + m_process->errorString();
+        return false;
+    }
+    if (WaitForPort(m_port, *m_process, Remaining(clock, deadlineMs)))
+        return true;
+    StopProcess(m_process.get(), SIGTERM);
+    const QByteArray log = ReadFile(LogPath()) + ReadFile(m_dir.File("stderr.log"));
+    portTaken = log.contains("Address already in use") || log.contains("Could not create listening socket");
+    m_error = QString("tinyproxy did not come up on 127.0.0.1:%1").arg(m_port) + Tail(LogPath()) +
+              Tail(m_dir.File("stderr.log")) + Tail(configPath);
+    return false;
+}
+
+bool TinyproxyServer::Start(int deadlineMs)
+{
+    Stop();
+    m_error.clear();
+    if (Executable().isEmpty()) {
+        m_error = "tinyproxy is not installed";
+        return false;
+    }
+    if (!m_options.user.isEmpty() && !SupportsBasicAuth()) {
+        m_error = "tinyproxy " + Version() + " has no BasicAuth";
+        return false;
+    }
+    for (int attempt = 0; attempt < KStartAttempts; ++attempt) {
+        bool portTaken = false;
+        if (StartOnce(deadlineMs, portTaken))
+            return true;
+        if (!portTaken)
+            break;
+    }
+    return false;
+}
+
+void TinyproxyServer::Stop()
+{
+    StopProcess(m_process.get(), SIGTERM);
+    m_process.reset();
+}
+
+bool TinyproxyServer::IsRunning() const
 {
     return m_process && m_process->state() == QProcess::Running;
 }

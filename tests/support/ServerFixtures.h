@@ -9,6 +9,8 @@
 //   HttpbinServer     httpbin under gunicorn (cookies, redirects, statuses)
 //   TestCertificates  a CA and a server certificate for localhost/127.0.0.1
 //                     made with the openssl command
+//   TinyproxyServer   tinyproxy as an HTTP proxy (absolute targets and
+//                     CONNECT), optionally asking for Basic credentials
 //
 // Start() returns false with the reason in Error() (the server's own log
 // included); readiness is polled on the event loop with a deadline, never
@@ -24,6 +26,7 @@
 #include "support/TestSupport.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QSslCertificate>
 #include <QString>
 
@@ -38,6 +41,10 @@ namespace velatest {
 // A TCP port on 127.0.0.1 that nothing listened on a moment ago (the system
 // chooses it); 0 when none could be had.
 quint16 FreePort();
+// The same on ::1; 0 also when the machine has no IPv6 loopback.
+quint16 FreePortIPv6();
+// Whether a server can listen on ::1 here.
+bool HasIPv6Loopback();
 
 // A CA key and certificate and a server key and certificate signed by that
 // CA, as PEM files in a temporary directory.
@@ -84,6 +91,8 @@ struct NginxOptions
     const TestCertificates* tls = nullptr;
     // Directives added inside every server block.
     QByteArray extraServerDirectives;
+    // The plain server also listens on [::1] at Ipv6Port().
+    bool ipv6 = false;
 };
 
 class NginxServer
@@ -113,10 +122,13 @@ public:
 
     quint16 Port() const { return m_port; }
     quint16 TlsPort() const { return m_tlsPort; }
+    quint16 Ipv6Port() const { return m_ipv6Port; }
     // "http://127.0.0.1:" + Port() + path
     QString Url(const QString& path) const;
     // "https://localhost:" + TlsPort() + path
     QString TlsUrl(const QString& path) const;
+    // "http://[::1]:" + Ipv6Port() + path
+    QString Ipv6Url(const QString& path) const;
 
     QString ConfigPath() const { return m_dir.File("nginx.conf"); }
     QString ErrorLogPath() const { return m_dir.File("error.log"); }
@@ -130,6 +142,56 @@ private:
     std::unique_ptr<QProcess> m_process;
     quint16 m_port = 0;
     quint16 m_tlsPort = 0;
+    quint16 m_ipv6Port = 0;
+    QString m_error;
+};
+
+struct TinyproxyOptions
+{
+    // Ports that CONNECT may reach; tinyproxy allows every port when the
+    // list is empty.
+    QList<quint16> connectPorts;
+    // Basic credentials asked of every client when user is not empty.
+    QByteArray user;
+    QByteArray password;
+};
+
+class TinyproxyServer
+{
+public:
+    explicit TinyproxyServer(const TinyproxyOptions& options = TinyproxyOptions());
+    ~TinyproxyServer();
+    TinyproxyServer(const TinyproxyServer&) = delete;
+    TinyproxyServer& operator=(const TinyproxyServer&) = delete;
+
+    // "/usr/bin/tinyproxy", else tinyproxy from PATH; empty when missing.
+    static QString Executable();
+    // The version printed by "tinyproxy -v" ("1.11.1"), empty when unknown.
+    static QString Version();
+    // BasicAuth came with tinyproxy 1.10.
+    static bool SupportsBasicAuth();
+
+    // Writes the configuration (127.0.0.1 on a free port, Allow 127.0.0.1),
+    // starts tinyproxy in the foreground and waits until it takes connections.
+    bool Start(int deadlineMs = 10000);
+    void Stop();
+    bool IsRunning() const;
+    const QString& Error() const { return m_error; }
+
+    quint16 Port() const { return m_port; }
+    // "http://127.0.0.1:" + Port(), with "user:password@" when given.
+    QString Url(bool withCredentials = true) const;
+    QString LogPath() const { return m_dir.File("tinyproxy.log"); }
+    QByteArray Log() const;
+
+private:
+    QByteArray Config() const;
+    bool StartOnce(int deadlineMs, bool& portTaken);
+
+    TinyproxyOptions m_options;
+    TempDir m_dir;
+    std::unique_ptr<QProcess> m_process;
+    quint16 m_port = 0;
     QString m_error;
 };
 
@@ -175,6 +237,13 @@ private:
         if (!velatest::HttpbinServer::Available())                               \
             GTEST_SKIP() << "gunicorn is not installed; httpbin tests skipped";  \
         ASSERT_TRUE((server).Start()) << (server).Error().toStdString();         \
+    } while (0)
+
+// Skips the current test when the machine has no ::1.
+#define VELATEST_NEED_IPV6_OR_SKIP()                                                         \
+    do {                                                                                     \
+        if (!velatest::HasIPv6Loopback())                                                    \
+            GTEST_SKIP() << "this machine has no IPv6 loopback (::1); IPv6 tests skipped";   \
     } while (0)
 
 #endif
