@@ -44,7 +44,7 @@ const int KMaxTimeoutSeconds = 86400;
 // Ordinary download id: redirects are followed by the engine itself.
 const int KRequestId = 1;
 // The id that asks for gzip.
-const int KGzipRequestId = CMLHttpEngine::KIdCurrentPage;
+const int KGzipRequestId = velanet::KIdCurrentPage;
 
 class DiscardingNotifier : public MHttpNotifier
 {
@@ -73,7 +73,7 @@ public:
     int HttpEventNotify(int, int event) override
     {
         // Progress events go on; a body that does not decode ends the run.
-        if (event == CMLHttpEngine::KEventDecompressFailed) {
+        if (event == velanet::KEventDecompressFailed) {
             std::fprintf(stderr, "velanet-download: gzip body did not decode\n");
             Finish(KExitFailed);
         }

@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr int KPiece = CMLHttpEngine::KSocketSliceSize;
+constexpr int KPiece = velanet::KSliceSize;
 
 struct Recorder : MHttpObserver
 {
@@ -48,7 +48,7 @@ struct Recorder : MHttpObserver
     }
     int OnHttpEngine_ResponseData(int, unsigned char* data, int len, int) override
     {
-        FUZZ_CHECK(!finished && len > 0 && (!gzip || len <= CMLHttpEngine::KDecompressBufferSize));
+        FUZZ_CHECK(!finished && len > 0 && (!gzip || len <= velanet::KDecompressPieceSize));
         body.append(reinterpret_cast<const char*>(data), static_cast<std::size_t>(len));
         return 1;
     }
@@ -60,7 +60,7 @@ Recorder Run(const std::uint8_t* resp, std::size_t size, std::size_t headEnd, co
     Recorder rec;
     std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL());
     engine->SetObserver(&rec);
-    engine->SetRequestID(CMLHttpEngine::KIdCurrentPage);  // redirects are reported, not followed
+    engine->SetRequestID(velanet::KIdCurrentPage);  // redirects are reported, not followed
     FUZZ_CHECK(engine->DoGet("http://127.0.0.1:1/f", nullptr, -1) != 0);
     engine->GetSocketEngine()->CancelEngine();  // no network: the bytes come from here
 
@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // receive buffer never fills.
     CHttpData parser;
     CHttpResponseHead head;
-    if (blank == std::string::npos || n > static_cast<std::size_t>(CMLHttpEngine::KRecvBufferSize) ||
+    if (blank == std::string::npos || n > static_cast<std::size_t>(velanet::KRecvBufferSize) ||
         parser.GetResponseHead(whole.get(), static_cast<int>(headEnd), head) != CHttpData::KHeadComplete)
         return 0;
     // By length, the pieces decide how much past Content-Length is taken

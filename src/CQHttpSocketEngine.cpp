@@ -93,19 +93,16 @@ enum
     KBusy = -1,
 };
 
-// Events raised to the observer.
-enum
-{
-    KEventConnected = 32,
-    KEventSocketError = 34,
-    KEventPassedOn35 = 35,
-    KEventHostNotResolvable = 36,
-    KEventResolved = 37,
-    KEventLookupStarted = 38,
-    KEventPassedOn48 = 48,
-    KEventPassedOn49 = 49,
-    KEventPassedOn50 = 50,
-};
+// Events raised to the observer (declared in src/NetConstants.h).
+using velanet::KEventConnected;
+using velanet::KEventHostNotResolvable;
+using velanet::KEventLookupStarted;
+using velanet::KEventPassedThroughA;
+using velanet::KEventPassedThroughB;
+using velanet::KEventPassedThroughC;
+using velanet::KEventDecompressFailed;
+using velanet::KEventResolved;
+using velanet::KEventSocketError;
 
 // QHostInfo id of no lookup.
 constexpr int KNoLookup = -1;
@@ -1003,10 +1000,10 @@ void CQHttpSocketEngine::OnSetSocketErrorEvent(int code, int param)
 {
     CloseSocket();
     switch (code) {
-    case KEventPassedOn35:
-    case KEventPassedOn48:
-    case KEventPassedOn49:
-    case KEventPassedOn50:
+    case KEventPassedThroughA:
+    case KEventDecompressFailed:
+    case KEventPassedThroughB:
+    case KEventPassedThroughC:
         SetSocketEvent(code, param);
         return;
     default:

@@ -27,6 +27,7 @@
 #include "BaseClass/src/CQString.h"
 #include "src/CQSendFileUnit.h"
 #include "src/IAPConnectEngine.h"
+#include "src/NetConstants.h"
 
 #include <QAbstractSocket>
 #include <QByteArray>
@@ -91,7 +92,7 @@ public:
         KSendModeOLFile = 2,
     };
 
-    static constexpr int KSliceSize = 1024;
+    static constexpr int KSliceSize = velanet::KSliceSize;
     static constexpr int KMaxServerNameLength = 256;
 
     // Resumable upload progress (olState).
@@ -103,7 +104,7 @@ public:
     };
 
     // Room for one block request: its text and the block's bytes.
-    static constexpr int KOLBlockSize = 20480;
+    static constexpr int KOLBlockSize = velanet::KOLBlockSize;
     // Size of the array a block request text is built in (text and a zero).
     static constexpr int KOLRequestTextSize = 1024;
     // Bytes of the file carried by the first block at most.

@@ -1,3 +1,28 @@
+// CMLHttpEngine: one request from the owner's call to its one terminal
+// report. Three variables say where an engine is; this is all of them.
+//
+// Request state (m_enCurHES), moved only by MoveTo:
+//
+//   HES_Idle --ConnectServer--> HES_HttpRequest --event 36, a gateway attempt left--> HES_DNSRequest
+//                                 ^    |                                                |   |
+//                                 |    +--event 36, none left: net error 36--> HES_Idle <--+   | event 36 / gateway
+//                                 |    +--body ended by close or last chunk--> HES_Idle        | status not 2xx:
+//                                 +------------- gateway reply complete (request retried) -----+ net error 36
+//
+// Response phase (m_enPhase) and body mode (m_enHttpRecvDataMode), per exchange:
+//
+//   HRP_Head --head parsed, status judged-----------------------> HRP_Body
+//     |  3xx: URL change, follow | other: HTTP error | gateway    |  switch (body mode):
+//     |  (each ends the response: Reset, back to HRP_Head)        |   HRDM_Length  Content-Length reached -> complete
+//     +-----------------------------------------------------------|   HRDM_Chunk   zero-size chunk        -> complete
+//                                                                 |   HRDM_Stream  connection closed      -> complete
+//                                                                 +--gzip stream ended--> HRP_Done (complete, no Reset)
+//   Every Reset (start, failure, completion, cancel) returns to HRP_Head and HRDM_Length.
+//
+// Reports come last: an observer may start or cancel a request from inside
+// any report, which bumps m_nGeneration; a reader that sees the generation
+// change after a report leaves the engine alone.
+
 #include "src/MLHttpEngine.h"
 
 #include "BaseClass/src/QtAssert.h"
@@ -5,13 +30,15 @@
 #include "src/internal/DnsGatewayReply_p.h"
 #include "src/internal/LocationResolve_p.h"
 
-#include <QHostAddress>
-#include <QString>
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <string>
+
+using velanet::KKindGet;
+using velanet::KKindNone;
+using velanet::KKindPost;
+using velanet::KKindPostFile;
+using velanet::KKindPostOLFile;
 
 namespace {
 
@@ -29,6 +56,13 @@ constexpr int KNoMultipart = 0;
 constexpr int KOriginTarget = 0;
 // The gateway request asks for no encoding.
 constexpr int KGatewayEncodingMode = 0;
+// Gateway lookups one request may make.
+constexpr int KGatewayAttemptsPerRequest = 1;
+// CollectHead: the head is not complete yet, wait for more bytes.
+constexpr int KHeadIncomplete = 2;
+// ReadBody: where the bytes are.
+constexpr bool KInRecvBuffer = true;
+constexpr bool KGivenBytes = false;
 
 CQSString& GatewayBaseURL()
 {
@@ -87,15 +121,15 @@ CMLHttpEngine::CMLHttpEngine() : m_GzipUtil(FM_Gzip, FM_Gzip)
 void CMLHttpEngine::Construct()
 {
     delete m_pSocketEngine;
-    m_pSocketEngine = CQHttpSocketEngine::NewL(this, KSocketSliceSize, KSocketSliceSize);
+    m_pSocketEngine = CQHttpSocketEngine::NewL(this, velanet::KSliceSize, velanet::KSliceSize);
     QT_ALWAYS_ASSERT(m_pSocketEngine != NULL, KAssertFile);
 
     m_pRecvBuf = std::make_unique<CMLDataBuf>();
-    (void)m_pRecvBuf->Create(KRecvBufferSize);  // no storage: every append fails (event 64)
+    (void)m_pRecvBuf->Create(velanet::KRecvBufferSize);  // no storage: every append fails (event 64)
     m_pDecompressBuf = std::make_unique<CMLDataBuf>();
-    (void)m_pDecompressBuf->Create(KDecompressBufferSize);
+    (void)m_pDecompressBuf->Create(velanet::KDecompressPieceSize);
 
-    m_bHeadReceived = false;
+    m_enPhase = HRP_Head;
     m_nRecvBytes = 0;
     m_nCurKind = KKindNone;
     m_strCurPostData.Empty();
@@ -139,7 +173,7 @@ void CMLHttpEngine::BeginRequest(int kind)
     Reset(false);
     m_nRequestedKind = kind;
     m_nCurKind = kind;
-    m_bGatewayTried = false;
+    m_nGatewayAttemptsLeft = KGatewayAttemptsPerRequest;
 }
 
 int CMLHttpEngine::DoGet(const char* url, const CQWString* recvFile, int offset)
@@ -232,7 +266,7 @@ int CMLHttpEngine::ConnectServer(const char* /*url*/)
     CHttpData* target = nullptr;
     switch (m_enCurHES) {
     case HES_Idle:
-        m_enCurHES = HES_HttpRequest;
+        MoveTo(HES_HttpRequest);
         target = &m_RequestData;
         break;
     case HES_HttpRequest:
@@ -263,7 +297,7 @@ void CMLHttpEngine::Reset(bool deleteFile)
     if (m_pSocketEngine)
         m_pSocketEngine->DisConnect();
     m_nRecvBytes = 0;
-    m_bHeadReceived = false;
+    m_enPhase = HRP_Head;
     if (m_pRecvBuf)
         m_pRecvBuf->Zero();
     m_RecvFile.Close();
@@ -277,6 +311,14 @@ void CMLHttpEngine::Reset(bool deleteFile)
     m_GzipUtil.ResetFilter();
     if (m_pDecompressBuf)
         m_pDecompressBuf->Zero();
+}
+
+void CMLHttpEngine::MoveTo(enHttpEngineState next)
+{
+    // Every move of the diagram but one is possible: the gateway is only
+    // asked for the host of a request under way.
+    QT_ALWAYS_ASSERT(!(m_enCurHES == HES_Idle && next == HES_DNSRequest), KAssertFile);
+    m_enCurHES = next;
 }
 
 int CMLHttpEngine::CancelRequest()
@@ -305,7 +347,7 @@ void CMLHttpEngine::SetIap(CIAPConnectEngine* iap)
         m_pSocketEngine->SetIapEngine(iap);
 }
 
-void CMLHttpEngine::SetPriority(CRequestUnit::enRequestPriority /*priority*/)
+void CMLHttpEngine::SetPriority(velanet::enRequestPriority /*priority*/)
 {
 }
 
@@ -363,26 +405,27 @@ const CQSString& CMLHttpEngine::GetDNSGatewayURL()
 
 void CMLHttpEngine::OnSocketEngine_SocketEvent(int event, int /*param*/)
 {
+    using namespace velanet;
     if (!m_pSocketEngine)
         return;
     if (event < KEventFirstHandled || event > KEventLastHandled)
         return;
     switch (event) {
-    case KEventProgress16:
-    case KEventProgress20:
+    case KEventOwnerProgressA:
+    case KEventOwnerProgressB:
     case KEventResolved:
     case KEventLookupStarted:
         if (m_pObserver)
             m_pObserver->OnHttpEngine_NetEvent(m_nRequestID, event);
         return;
-    case KEventFailure17:
-    case KEventFailure18:
-    case KEventFailure33:
+    case KEventOwnerFailureA:
+    case KEventOwnerFailureB:
+    case KEventOwnerFailureC:
     case KEventSocketError:
-    case KEventPassedOn35:
+    case KEventPassedThroughA:
     case KEventDecompressFailed:
-    case KEventPassedOn49:
-    case KEventPassedOn50:
+    case KEventPassedThroughB:
+    case KEventPassedThroughC:
     case KEventRecvBufferFull:
         Reset(true);
         if (m_pObserver)
@@ -395,7 +438,7 @@ void CMLHttpEngine::OnSocketEngine_SocketEvent(int event, int /*param*/)
         OnHostNotResolvable();
         return;
     default:
-        // 19, 21..31, 39..47, 51..63: nothing.
+        // The rest of the handled range means nothing to the engine.
         return;
     }
 }
@@ -420,7 +463,7 @@ void CMLHttpEngine::OnConnected()
         return;
     }
     if (m_pObserver)
-        m_pObserver->OnHttpEngine_NetEvent(m_nRequestID, KEventConnected);
+        m_pObserver->OnHttpEngine_NetEvent(m_nRequestID, velanet::KEventConnected);
 }
 
 void CMLHttpEngine::OnHostNotResolvable()
@@ -429,19 +472,18 @@ void CMLHttpEngine::OnHostNotResolvable()
     case HES_Idle:
         return;
     case HES_HttpRequest:
-        if (!m_bGatewayTried) {
-            m_enCurHES = HES_DNSRequest;
+        if (m_nGatewayAttemptsLeft > 0) {
+            MoveTo(HES_DNSRequest);
             StartGetDNSThroughProxy();
             return;
         }
-        // The retry after a gateway answer did not resolve either: one
-        // gateway attempt per request, then the request fails.
+        // The retry after a gateway answer did not resolve either.
         [[fallthrough]];
     case HES_DNSRequest:
         Reset(false);
-        m_enCurHES = HES_Idle;
+        MoveTo(HES_Idle);
         if (m_pObserver)
-            m_pObserver->OnHttpEngine_NetError(m_nRequestID, KEventHostNotResolvable);
+            m_pObserver->OnHttpEngine_NetError(m_nRequestID, velanet::KEventHostNotResolvable);
         return;
     }
     QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
@@ -507,12 +549,12 @@ int CMLHttpEngine::UploadFileLength(const CQWString& path)
     // Both checks raise events outside the handled range on purpose: an
     // upload without a usable file ends without any report.
     if (path.IsEmpty()) {
-        OnSocketEngine_SocketEvent(KEventFilePathEmpty, 0);
+        OnSocketEngine_SocketEvent(velanet::KEventFilePathEmpty, 0);
         return -1;
     }
     const int fileLen = CQFile::GetFileLenght(path);
     if (fileLen < 0)
-        OnSocketEngine_SocketEvent(KEventFileLengthInvalid, 0);
+        OnSocketEngine_SocketEvent(velanet::KEventFileLengthInvalid, 0);
     return fileLen < 0 ? -1 : fileLen;
 }
 
@@ -572,82 +614,56 @@ int CMLHttpEngine::OnSocketEngine_ReceiveData(unsigned char* data, int len)
     if (!data || len < 0)
         len = 0;
 
-    if (!m_bHeadReceived) {
-        if (!m_pRecvBuf || !m_pRecvBuf->Append(data, static_cast<unsigned long>(len))) {
-            OnSocketEngine_SocketEvent(KEventRecvBufferFull, 0);
+    switch (m_enPhase) {
+    case HRP_Head: {
+        const int head = CollectHead(data, len);
+        if (head != KGoOn)
+            return head == KHeadIncomplete ? KGoOn : KStop;
+        if (JudgeStatus() != KGoOn)
             return KStop;
-        }
-        m_ResponseHead.Reset();
-        unsigned char* buf = m_pRecvBuf->GetBuf();
-        const int used = static_cast<int>(m_pRecvBuf->GetUsedSize());
-        if (m_RequestData.GetResponseHead(buf, used, m_ResponseHead) < 0)
-            return KGoOn;
-        if (HandleResponseStatus() != KGoOn)
+        ChooseBodyMode();
+        if (ReportHead() != KGoOn)
             return KStop;
-
-        m_bHeadReceived = true;
-        switch (m_ResponseHead.m_nBodyType) {
-        case CHttpResponseHead::KBodyByLength:
-            m_enHttpRecvDataMode = HRDM_Length;
-            break;
-        case CHttpResponseHead::KBodyChunked:
-            m_enHttpRecvDataMode = HRDM_Chunk;
-            m_ResponseHead.m_nContentLength = KUnframedContentLength;
-            m_bLastChunkSeen = false;
-            break;
-        default:
-            m_enHttpRecvDataMode = HRDM_Stream;
-            m_ResponseHead.m_nContentLength = KUnframedContentLength;
-            break;
-        }
-
-        if (m_enCurHES == HES_HttpRequest) {
-            const unsigned int generation = m_nGeneration;
-            if (m_pObserver->OnHttpEngine_RecvHeader(m_nRequestID, m_ResponseHead) == 0) {
-                if (!RequestGone(generation))
-                    Reset(false);
-                return KStop;
-            }
-            if (RequestGone(generation))
-                return KStop;
-        }
-
-        int headLen = m_ResponseHead.m_nHeadLen;
-        if (headLen < 0 || headLen > used)
-            headLen = used;
-        const int bodyBytes = used - headLen;
-        if (bodyBytes <= 0) {
-            m_pRecvBuf->Zero();
-            return KGoOn;
-        }
-        if (m_enHttpRecvDataMode == HRDM_Chunk) {
-            m_pRecvBuf->MoveDataToHead(headLen);
-            m_nChunkRemain = 0;
-            return OnReceivChunkData();
-        }
-        data = buf + headLen;
-        len = bodyBytes;
-    } else if (m_enHttpRecvDataMode == HRDM_Chunk) {
-        // Not tested: a size line that does not fit stays incomplete.
-        (void)m_pRecvBuf->Append(data, static_cast<unsigned long>(len));
-        return OnReceivChunkData();
+        return ReadBodyAfterHead();
     }
-
-    if (m_enHttpRecvDataMode == HRDM_Stream)
-        return OnReceivStreamData(data, len);
-    return OnReceivLengthData(data, len);
+    case HRP_Body:
+        return ReadBody(data, len, KGivenBytes);
+    case HRP_Done:
+        // The body is complete (its gzip stream ended): nothing more of this
+        // response is read.
+        return KStop;
+    }
+    QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
+    return KStop;
 }
 
-int CMLHttpEngine::HandleResponseStatus()
+int CMLHttpEngine::CollectHead(unsigned char* data, int len)
+{
+    if (!m_pRecvBuf || !m_pRecvBuf->Append(data, static_cast<unsigned long>(len))) {
+        OnSocketEngine_SocketEvent(velanet::KEventRecvBufferFull, 0);
+        return KStop;
+    }
+    m_ResponseHead.Reset();
+    const int used = static_cast<int>(m_pRecvBuf->GetUsedSize());
+    if (m_RequestData.GetResponseHead(m_pRecvBuf->GetBuf(), used, m_ResponseHead) < 0)
+        return KHeadIncomplete;
+    return KGoOn;
+}
+
+int CMLHttpEngine::JudgeStatus()
 {
     const int status = m_ResponseHead.m_nStatusCode;
-    if (m_enCurHES == HES_DNSRequest) {
+    switch (m_enCurHES) {
+    case HES_Idle:
+    case HES_HttpRequest:
+        break;
+    case HES_DNSRequest:
         if (IsAccepted(status))
             return KGoOn;
         Reset(false);
-        m_enCurHES = HES_Idle;
+        MoveTo(HES_Idle);
         if (m_pObserver)
-            m_pObserver->OnHttpEngine_NetError(m_nRequestID, KEventHostNotResolvable);
+            m_pObserver->OnHttpEngine_NetError(m_nRequestID, velanet::KEventHostNotResolvable);
         return KStop;
     }
     if (IsAccepted(status))
@@ -659,6 +675,73 @@ int CMLHttpEngine::HandleResponseStatus()
     Reset(true);
     if (m_pObserver)
         m_pObserver->OnHttpEngine_HttpError(m_nRequestID, status);
+    return KStop;
+}
+
+void CMLHttpEngine::ChooseBodyMode()
+{
+    switch (m_ResponseHead.m_nBodyType) {
+    case CHttpResponseHead::KBodyByLength:
+        m_enHttpRecvDataMode = HRDM_Length;
+        break;
+    case CHttpResponseHead::KBodyChunked:
+        m_enHttpRecvDataMode = HRDM_Chunk;
+        m_ResponseHead.m_nContentLength = KUnframedContentLength;
+        m_nChunkRemain = 0;
+        break;
+    default:
+        m_enHttpRecvDataMode = HRDM_Stream;
+        m_ResponseHead.m_nContentLength = KUnframedContentLength;
+        break;
+    }
+    m_enPhase = HRP_Body;
+}
+
+int CMLHttpEngine::ReportHead()
+{
+    // The gateway's reply head is the engine's own business.
+    if (m_enCurHES != HES_HttpRequest)
+        return KGoOn;
+    const unsigned int generation = m_nGeneration;
+    if (m_pObserver->OnHttpEngine_RecvHeader(m_nRequestID, m_ResponseHead) == 0) {
+        if (!RequestGone(generation))
+            Reset(false);
+        return KStop;
+    }
+    return RequestGone(generation) ? KStop : KGoOn;
+}
+
+int CMLHttpEngine::ReadBodyAfterHead()
+{
+    const int used = static_cast<int>(m_pRecvBuf->GetUsedSize());
+    int headLen = m_ResponseHead.m_nHeadLen;
+    if (headLen < 0 || headLen > used)
+        headLen = used;
+    const int bodyBytes = used - headLen;
+    if (bodyBytes <= 0) {
+        m_pRecvBuf->Zero();
+        return KGoOn;
+    }
+    // The body bytes move to the start of the buffer, where the chunk
+    // reader wants them; the other readers take them from there.
+    m_pRecvBuf->MoveDataToHead(headLen);
+    return ReadBody(m_pRecvBuf->GetBuf(), bodyBytes, KInRecvBuffer);
+}
+
+int CMLHttpEngine::ReadBody(unsigned char* data, int len, bool buffered)
+{
+    switch (m_enHttpRecvDataMode) {
+    case HRDM_Length:
+        return OnReceivLengthData(data, len);
+    case HRDM_Chunk:
+        // Not tested: a size line that does not fit stays incomplete.
+        if (!buffered)
+            (void)m_pRecvBuf->Append(data, static_cast<unsigned long>(len));
+        return OnReceivChunkData();
+    case HRDM_Stream:
+        return OnReceivStreamData(data, len);
+    }
+    QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
     return KStop;
 }
 
@@ -676,7 +759,7 @@ void CMLHttpEngine::FollowRedirect()
         m_pObserver->OnHttpEngine_URLChange(m_nRequestID, location);
     // The page and prefetch owners follow redirects themselves. No limit
     // and no loop detection: kept on purpose, owners count redirects.
-    if (m_nRequestID == KIdCurrentPage || m_nRequestID == KIdPrefetch)
+    if (m_nRequestID == velanet::KIdCurrentPage || m_nRequestID == velanet::KIdPrefetch)
         return;
     // The observer started or cancelled a request from inside the report.
     if (RequestGone(generation))
@@ -729,7 +812,7 @@ int CMLHttpEngine::CompleteLengthBody()
     }
     // The gateway reply is complete: the caller's request starts again and
     // now finds the host in the DNS cache.
-    m_enCurHES = HES_HttpRequest;
+    MoveTo(HES_HttpRequest);
     m_nCurKind = m_nRequestedKind;
     (void)ConnectServer(m_RequestData.GetURL().GetDataPtr());
     return KStop;
@@ -753,8 +836,8 @@ int CMLHttpEngine::DeliverBody(unsigned char* p, int n, int callCount)
 //   chunk        = chunk-size [ ext ] CRLF chunk-data CRLF
 //   last-chunk   = 1*"0" [ ext ] CRLF
 // The receive buffer holds body bytes from its start; m_nChunkRemain counts
-// the bytes of the current chunk's data still to come (0 or less: the next
-// bytes start with a size line, after the line end of the previous data).
+// the bytes of the current chunk's data still to come (0: the next bytes
+// start with a size line, after the line end of the previous data).
 // Trailer fields are never read.
 int CMLHttpEngine::OnReceivChunkData()
 {
@@ -785,15 +868,15 @@ int CMLHttpEngine::OnReceivChunkData()
     for (;;) {
         int lineLen = 0;
         const int size = CHttpData::GetChunkSize(p, avail, lineLen);
-        m_nChunkRemain = size;
         if (size < 0) {
             // The size line is not complete: keep it at the buffer start.
+            m_nChunkRemain = 0;
             m_pRecvBuf->MoveDataToHead(consumed);
             return KGoOn;
         }
+        m_nChunkRemain = size;
         if (size == 0) {
-            m_bLastChunkSeen = true;
-            (void)OnSocketEngine_ReceivDataEnd();
+            CompleteAtEnd();
             return KStop;
         }
         unsigned char* q = p + lineLen;
@@ -831,22 +914,41 @@ int CMLHttpEngine::OnSocketEngine_ReceivDataEnd()
 {
     QT_ALWAYS_ASSERT(m_pObserver != NULL, KAssertFile);
 
-    // A body framed by its length or by chunks that the connection cut short
-    // (or a response that never got its head) is a failed request, not a
-    // body: only a body framed by the close itself ends here complete.
-    const bool lengthCutShort = m_enHttpRecvDataMode == HRDM_Length &&
-                                (!m_bHeadReceived || m_nRecvBytes < m_ResponseHead.m_nContentLength);
-    const bool chunksCutShort = m_enHttpRecvDataMode == HRDM_Chunk && !m_bLastChunkSeen;
-    m_bLastChunkSeen = false;
-    if (lengthCutShort || chunksCutShort) {
-        OnSocketEngine_SocketEvent(KEventSocketError, 0);
+    // Only a body framed by the close itself, or a length-framed body that
+    // has all its bytes, ends here complete. A response without its head, a
+    // body cut short, or a close after a completed gzip body is event 34.
+    bool complete = false;
+    switch (m_enPhase) {
+    case HRP_Head:
+    case HRP_Done:
+        break;
+    case HRP_Body:
+        switch (m_enHttpRecvDataMode) {
+        case HRDM_Length:
+            complete = m_nRecvBytes >= m_ResponseHead.m_nContentLength;
+            break;
+        case HRDM_Chunk:
+            break;
+        case HRDM_Stream:
+            complete = true;
+            break;
+        }
+        break;
+    }
+    if (!complete) {
+        OnSocketEngine_SocketEvent(velanet::KEventSocketError, 0);
         return KGoOn;
     }
+    CompleteAtEnd();
+    return KGoOn;
+}
+
+void CMLHttpEngine::CompleteAtEnd()
+{
     Reset(false);
-    m_enCurHES = HES_Idle;
+    MoveTo(HES_Idle);
     CQWString path(m_strRecvFilePath);
     m_pObserver->OnHttpEngine_Complete(m_nRequestID, path);
-    return KGoOn;
 }
 
 int CMLHttpEngine::DecompressAndNotify(unsigned char* data, int len)
@@ -859,10 +961,10 @@ int CMLHttpEngine::DecompressAndNotify(unsigned char* data, int len)
     for (;;) {
         m_pDecompressBuf->Zero();
         unsigned char* out = m_pDecompressBuf->GetBuf();
-        int outLen = KDecompressBufferSize;
+        int outLen = velanet::KDecompressPieceSize;
         if (DoFilterDecompress(data + offset, inLen, out, outLen) == KStop) {
             Reset(false);
-            m_pObserver->OnHttpEngine_NetEvent(m_nRequestID, KEventDecompressFailed);
+            m_pObserver->OnHttpEngine_NetEvent(m_nRequestID, velanet::KEventDecompressFailed);
             return KStop;
         }
         // The filter leaves its unconsumed input at the end of what it was
@@ -884,6 +986,7 @@ int CMLHttpEngine::DecompressAndNotify(unsigned char* data, int len)
             // The compressed stream has ended: the body is complete. The
             // engine is not reset here (kept on purpose): it stays busy with
             // its head and counters until the next Reset.
+            m_enPhase = HRP_Done;
             CQWString path(m_strRecvFilePath);
             m_pObserver->OnHttpEngine_Complete(m_nRequestID, path);
             return KStop;
@@ -929,7 +1032,8 @@ void CMLHttpEngine::StartGetDNSThroughProxy()
 {
     QT_ALWAYS_ASSERT(m_enCurHES == HES_DNSRequest, KAssertFile);
 
-    m_bGatewayTried = true;
+    if (m_nGatewayAttemptsLeft > 0)
+        --m_nGatewayAttemptsLeft;
     int hostLen = 0;
     const char* host = m_RequestData.FindHost(hostLen);
     m_nRequestedKind = m_nCurKind;
@@ -963,263 +1067,3 @@ void CMLHttpEngine::ParseDNSPDUAndStore(unsigned char* data, int len)
         cache->Update(name, ip);
     }
 }
-
-// ------------------------------------------------------------ helpers
-
-namespace velanet {
-
-std::vector<quint32> ScanGatewayReply(const unsigned char* data, int len)
-{
-    std::vector<quint32> addresses;
-    if (!data || len < 1)
-        return addresses;
-    // Never cleared within a piece: see the file comment of the header.
-    QString accumulated;
-    int pos = 0;
-    while (pos < len) {
-        int end = pos;
-        while (end < len && data[end] != KGatewayItemEnd)
-            ++end;
-        if (end == len)
-            break;  // text after the last ";" is ignored
-        const int itemLen = end - pos;
-        if (itemLen >= KGatewayItemMinLen && itemLen <= KGatewayItemMaxLen) {
-            accumulated.append(QString::fromLatin1(reinterpret_cast<const char*>(data + pos), itemLen));
-            QHostAddress address;
-            if (address.setAddress(accumulated))
-                addresses.push_back(address.toIPv4Address());
-        }
-        pos = end + 1;
-    }
-    return addresses;
-}
-
-namespace {
-
-bool IsAlpha(char c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-bool IsSchemeChar(char c)
-{
-    return IsAlpha(c) || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
-}
-
-struct Part
-{
-    const char* data = nullptr;
-    int len = 0;
-    bool defined = false;
-};
-
-Part PartOf(const char* text, int start, int len)
-{
-    Part part;
-    if (start >= 0) {
-        part.data = text + start;
-        part.len = len;
-        part.defined = true;
-    }
-    return part;
-}
-
-void AppendPart(std::string& out, const Part& part)
-{
-    if (part.len > 0)
-        out.append(part.data, static_cast<size_t>(part.len));
-}
-
-bool StartsWith(const std::string& s, size_t pos, const char* prefix)
-{
-    return s.compare(pos, std::char_traits<char>::length(prefix), prefix) == 0;
-}
-
-bool RestEquals(const std::string& s, size_t pos, const char* text)
-{
-    return s.compare(pos, std::string::npos, text) == 0;
-}
-
-// Drops the last segment of out together with the "/" before it.
-void DropLastSegment(std::string& out)
-{
-    const size_t slash = out.rfind('/');
-    out.erase(slash == std::string::npos ? 0 : slash);
-}
-
-std::string RemoveDots(const std::string& input)
-{
-    std::string out;
-    size_t pos = 0;
-    const size_t n = input.size();
-    while (pos < n) {
-        if (StartsWith(input, pos, "../")) {
-            pos += 3;
-        } else if (StartsWith(input, pos, "./")) {
-            pos += 2;
-        } else if (StartsWith(input, pos, "/./")) {
-            pos += 2;  // leaves the "/" as the start of the input
-        } else if (RestEquals(input, pos, "/.")) {
-            out += '/';
-            pos = n;
-        } else if (StartsWith(input, pos, "/../")) {
-            pos += 3;
-            DropLastSegment(out);
-        } else if (RestEquals(input, pos, "/..")) {
-            DropLastSegment(out);
-            out += '/';
-            pos = n;
-        } else if (RestEquals(input, pos, ".") || RestEquals(input, pos, "..")) {
-            pos = n;
-        } else {
-            size_t end = input.find('/', pos + (input[pos] == '/' ? 1 : 0));
-            if (end == std::string::npos)
-                end = n;
-            out.append(input, pos, end - pos);
-            pos = end;
-        }
-    }
-    return out;
-}
-
-CQSString ToCQSString(const std::string& s)
-{
-    CQSString out;
-    (void)out.SetData(reinterpret_cast<const unsigned char*>(s.data()), static_cast<int>(s.size()));
-    return out;
-}
-
-}  // namespace
-
-UriParts SplitUriReference(const char* text, int len)
-{
-    UriParts parts;
-    if (!text || len < 1) {
-        parts.pathLen = 0;
-        return parts;
-    }
-    int pos = 0;
-    // scheme ":" only when the grammar's first segment is a scheme.
-    if (IsAlpha(text[0])) {
-        int i = 1;
-        while (i < len && IsSchemeChar(text[i]))
-            ++i;
-        if (i < len && text[i] == ':') {
-            parts.schemeStart = 0;
-            parts.schemeLen = i;
-            pos = i + 1;
-        }
-    }
-    if (pos + 1 < len && text[pos] == '/' && text[pos + 1] == '/') {
-        int end = pos + 2;
-        while (end < len && text[end] != '/' && text[end] != '?' && text[end] != '#')
-            ++end;
-        parts.authorityStart = pos + 2;
-        parts.authorityLen = end - (pos + 2);
-        pos = end;
-    }
-    int end = pos;
-    while (end < len && text[end] != '?' && text[end] != '#')
-        ++end;
-    parts.pathStart = pos;
-    parts.pathLen = end - pos;
-    pos = end;
-    if (pos < len && text[pos] == '?') {
-        end = pos + 1;
-        while (end < len && text[end] != '#')
-            ++end;
-        parts.queryStart = pos + 1;
-        parts.queryLen = end - (pos + 1);
-        pos = end;
-    }
-    if (pos < len && text[pos] == '#') {
-        parts.fragmentStart = pos + 1;
-        parts.fragmentLen = len - (pos + 1);
-    }
-    return parts;
-}
-
-CQSString RemoveDotSegments(const char* path, int len)
-{
-    if (!path || len < 1)
-        return CQSString();
-    return ToCQSString(RemoveDots(std::string(path, static_cast<size_t>(len))));
-}
-
-CQSString ResolveLocation(const char* base, int baseLen, const char* location, int locationLen)
-{
-    if (!location || locationLen < 1)
-        return CQSString();
-    const UriParts r = SplitUriReference(location, locationLen);
-    if (r.schemeStart >= 0)
-        return CQSString(location, locationLen);
-    if (!base || baseLen < 0)
-        baseLen = 0;
-    const UriParts b = SplitUriReference(base, baseLen);
-
-    // RFC 3986, section 5.2.2, for a reference without a scheme.
-    const Part rAuthority = PartOf(location, r.authorityStart, r.authorityLen);
-    const Part rPath = PartOf(location, r.pathStart, r.pathLen);
-    const Part rQuery = PartOf(location, r.queryStart, r.queryLen);
-    const Part rFragment = PartOf(location, r.fragmentStart, r.fragmentLen);
-    const Part bScheme = PartOf(base, b.schemeStart, b.schemeLen);
-    const Part bAuthority = PartOf(base, b.authorityStart, b.authorityLen);
-    const Part bPath = PartOf(base, b.pathStart, b.pathLen);
-    const Part bQuery = PartOf(base, b.queryStart, b.queryLen);
-
-    Part authority;
-    Part query;
-    std::string path;
-    if (rAuthority.defined) {
-        authority = rAuthority;
-        path = RemoveDots(std::string(rPath.data, static_cast<size_t>(rPath.len)));
-        query = rQuery;
-    } else {
-        authority = bAuthority;
-        if (rPath.len == 0) {
-            path.assign(bPath.data ? bPath.data : "", static_cast<size_t>(bPath.len));
-            query = rQuery.defined ? rQuery : bQuery;
-        } else {
-            if (rPath.data[0] == '/') {
-                path = RemoveDots(std::string(rPath.data, static_cast<size_t>(rPath.len)));
-            } else {
-                // Merge (section 5.2.3).
-                std::string merged;
-                if (bAuthority.defined && bPath.len == 0) {
-                    merged = "/";
-                } else {
-                    const std::string basePath(bPath.data ? bPath.data : "", static_cast<size_t>(bPath.len));
-                    const size_t slash = basePath.rfind('/');
-                    if (slash != std::string::npos)
-                        merged = basePath.substr(0, slash + 1);
-                }
-                merged.append(rPath.data, static_cast<size_t>(rPath.len));
-                path = RemoveDots(merged);
-            }
-            query = rQuery;
-        }
-    }
-
-    // Recomposition (section 5.3).
-    std::string out;
-    if (bScheme.defined) {
-        AppendPart(out, bScheme);
-        out += ':';
-    }
-    if (authority.defined) {
-        out += "//";
-        AppendPart(out, authority);
-    }
-    out += path;
-    if (query.defined) {
-        out += '?';
-        AppendPart(out, query);
-    }
-    if (rFragment.defined) {
-        out += '#';
-        AppendPart(out, rFragment);
-    }
-    return ToCQSString(out);
-}
-
-}  // namespace velanet

@@ -9,17 +9,16 @@
 // follows redirects itself, asks an HTTP gateway for the address of a host
 // that does not resolve, and reports everything through one MHttpObserver.
 //
-// Engine state (m_enCurHES):
-//   0 idle --ConnectServer--> 1 caller's request
-//   1 --event 36--> 2 gateway lookup --reply complete--> 1 (request retried)
-//   2 --event 36 / gateway status not 2xx--> 0;  any --ReceivDataEnd--> 0
-//
-// Receive mode (m_enHttpRecvDataMode), chosen from the head's framing:
-//   10 by Content-Length, 11 chunked, 12 until the connection closes.
+// The request state (m_enCurHES), the response phase and the body mode are
+// drawn together at the top of src/MLHttpEngine.cpp.
 //
 // Reports are synchronous and the observer may start the next request on
 // this engine from inside a report; a generation counter, bumped by every
 // Reset, tells a reader loop that its request is gone.
+//
+// Every request an owner starts ends in exactly one terminal report
+// (OnHttpEngine_Complete, OnHttpEngine_HttpError or OnHttpEngine_NetError),
+// or in the owner's own cancel, which reports nothing.
 
 #include "BaseClass/src/CMLDataBuf.h"
 #include "BaseClass/src/CQFile.h"
@@ -28,7 +27,7 @@
 #include "src/GzipUtil.h"
 #include "src/HttpData.h"
 #include "src/HttpObserver.h"
-#include "src/MLHttpPool.h"
+#include "src/NetConstants.h"
 #include "src/RequestHeaderUnit.h"
 
 #include <memory>
@@ -40,7 +39,7 @@ class QCookieHolder;
 class CMLHttpEngine : public MSocketEngineObserver
 {
 public:
-    // Engine state, see the file comment.
+    // Request state: the diagram at the top of src/MLHttpEngine.cpp.
     enum enHttpEngineState : int
     {
         HES_Idle = 0,         // no exchange has chosen its target; ConnectServer moves to 1
@@ -56,40 +55,12 @@ public:
         HRDM_Stream = 12,  // neither: the connection closing ends the body
     };
 
-    // Request kinds (the codes CHttpData::GetMethodData takes for 17 and 18).
-    enum
+    // Where the next received byte belongs.
+    enum enResponsePhase : int
     {
-        KKindNone = 16,
-        KKindGet = 17,
-        KKindPost = 18,
-        KKindPostFile = 19,
-        KKindPostOLFile = 20,
-    };
-
-    // Socket events: raised by the socket engine, by an owner, or by the
-    // engine itself. Events below KEventFirstHandled or above
-    // KEventLastHandled are dropped.
-    enum
-    {
-        KEventFirstHandled = 16,
-        KEventProgress16 = 16,      // passed on as a net event
-        KEventFailure17 = 17,       // a failure: net error
-        KEventFailure18 = 18,       // a failure: net error
-        KEventProgress20 = 20,      // passed on as a net event
-        KEventConnected = 32,       // send the request, then a net event
-        KEventFailure33 = 33,       // a failure: net error
-        KEventSocketError = 34,     // connect refused, reset, time-out, remote close
-        KEventPassedOn35 = 35,      // a failure passed through the socket engine
-        KEventHostNotResolvable = 36,
-        KEventResolved = 37,        // passed on as a net event
-        KEventLookupStarted = 38,   // passed on as a net event
-        KEventDecompressFailed = 48,  // also a failure passed through the socket engine
-        KEventPassedOn49 = 49,
-        KEventPassedOn50 = 50,
-        KEventRecvBufferFull = 64,  // the response head does not fit the receive buffer
-        KEventLastHandled = 64,
-        KEventFileLengthInvalid = 80,  // outside the handled range: dropped on purpose
-        KEventFilePathEmpty = 81,      // outside the handled range: dropped on purpose
+        HRP_Head = 0,  // collecting the head in the receive buffer; a judged head moves to HRP_Body
+        HRP_Body = 1,  // reading the body by m_enHttpRecvDataMode; its end resets (to HRP_Head)
+        HRP_Done = 2,  // a gzip stream ended: complete, nothing more is read until Reset
     };
 
     // The head's content length once the body is chunked or ends with the
@@ -110,15 +81,6 @@ public:
     static constexpr int KSocketIdle = CQHttpSocketEngine::HSES_Idle;
     // GetHttpSocketCurrentStatus without a socket engine.
     static constexpr int KNoSocketEngine = -1;
-
-    // Request ids whose redirects are reported but not followed.
-    static constexpr int KIdCurrentPage = static_cast<int>(0xF0000000u);
-    static constexpr int KIdPrefetch = static_cast<int>(0xE0000000u);
-
-    // Buffer sizes.
-    static constexpr int KRecvBufferSize = 10240;       // response head (and a chunk-size line)
-    static constexpr int KDecompressBufferSize = 1024;  // one decompressed piece
-    static constexpr int KSocketSliceSize = 1024;       // given to the socket engine
 
     // Status ranges of the head decisions.
     static constexpr int KFirstAccepted = 200;
@@ -180,7 +142,7 @@ public:
     // ---- configuration
     void SetIap(CIAPConnectEngine* iap);
     // Accepted and ignored.
-    void SetPriority(CRequestUnit::enRequestPriority priority);
+    void SetPriority(velanet::enRequestPriority priority);
     void SetUserAgent(CQSString& userAgent, CQSString& vua, CQSString& extra);
     void SetCookieHold(QCookieHolder* holder);
     void DisableCookie();
@@ -216,58 +178,64 @@ public:
     void StartGetDNSThroughProxy();
     void ParseDNSPDUAndStore(unsigned char* data, int len);
 
-    // ---- read access for the owner and for tests
+    // ---- read access for the owner
     CQHttpSocketEngine* GetSocketEngine() const { return m_pSocketEngine; }
     enHttpEngineState GetState() const { return m_enCurHES; }
-    enHttpRecvDataMode GetRecvDataMode() const { return m_enHttpRecvDataMode; }
     int GetCurMethod() const { return m_nCurKind; }
-    int GetRequestedMethod() const { return m_nRequestedKind; }
     CQSString& GetCurPostData() { return m_strCurPostData; }
-    const CHttpData& GetRequestData() const { return m_RequestData; }
-    const CHttpData& GetDNSRequestData() const { return m_DNSRequestData; }
-    const CHttpResponseHead& GetResponseHead() const { return m_ResponseHead; }
-    const CQRequestHeaderUnit& GetRequestHeaderUnit() const { return m_RequestHeaderUnit; }
-    const CQPostFileHeaderUnit& GetPostFileHeaderUnit() const { return m_PostFileHeaderUnit; }
-    const CQPostOLFileHeaderUnit& GetPostOLFileHeaderUnit() const { return m_OLFileHeaderUnit; }
-    bool IsHeadReceived() const { return m_bHeadReceived; }
-    int GetBytesReceived() const { return m_nRecvBytes; }
-    int GetDataCallCount() const { return m_nDataCallCount; }
-    int GetChunkRemainder() const { return m_nChunkRemain; }
-    bool IsRecvToFile() const { return m_bRecvToFile; }
-    const CQWString& GetRecvFilePath() const { return m_strRecvFilePath; }
-    int GetFilterState() const { return m_nFilterState; }
-    int GetMultipartFlag() const { return m_nMultipart; }
-    bool IsGatewayTried() const { return m_bGatewayTried; }
 
 private:
-    // Length of the file to upload, or -1 after raising the silent event
-    // for an empty path (81) or an unreadable file (80).
-    int UploadFileLength(const CQWString& path);
+    // Unit tests check the per-response state after each step, which no
+    // report shows.
+    friend class CMLHttpEngineTestPeer;
+
     CMLHttpEngine(const CMLHttpEngine&) = delete;
     CMLHttpEngine& operator=(const CMLHttpEngine&) = delete;
 
+    // ---- request state
+    // The only writer of m_enCurHES: every move of the diagram goes here.
+    void MoveTo(enHttpEngineState next);
     // Receive-file path from recvFile (null: none), as every request sets it.
     void SetRecvFile(const CQWString* recvFile);
     // What every request start does before storing its own fields.
     void BeginRequest(int kind);
+    // Event handlers of OnSocketEngine_SocketEvent.
+    void OnConnected();
+    void OnHostNotResolvable();
+    // Length of the file to upload, or -1 after raising the silent event
+    // for an empty path or an unreadable file.
+    int UploadFileLength(const CQWString& path);
+
+    // ---- receiving, one step each (OnSocketEngine_ReceiveData)
+    // Appends bytes to the head and parses it; KGoOn with a parsed head,
+    // KWaitForMore while it is incomplete, KStop when the request ended.
+    [[nodiscard]] int CollectHead(unsigned char* data, int len);
     // Head decisions once the head is parsed; KGoOn: read the body.
-    [[nodiscard]] int HandleResponseStatus();
+    [[nodiscard]] int JudgeStatus();
     // A 3xx: report the location and follow it on this engine.
     void FollowRedirect();
+    // Body mode from the head's framing; the phase moves to HRP_Body.
+    void ChooseBodyMode();
+    // OnHttpEngine_RecvHeader (caller's request only); KGoOn to read on.
+    [[nodiscard]] int ReportHead();
+    // The body bytes that came with the head, read from the receive buffer.
+    [[nodiscard]] int ReadBodyAfterHead();
+    // Body bytes to the reader of the body mode; buffered: they already sit
+    // at the start of the receive buffer.
+    [[nodiscard]] int ReadBody(unsigned char* data, int len, bool buffered);
     // Content-Length body: one piece (mode 10).
     [[nodiscard]] int OnReceivLengthData(unsigned char* data, int len);
     // Content-Length reached: finish the request or retry after the gateway.
     [[nodiscard]] int CompleteLengthBody();
+    // A body that ended with its last chunk or with the connection: reset,
+    // idle, and the completion report.
+    void CompleteAtEnd();
     // Chunk and stream readers: n body bytes at p to file and observer.
     [[nodiscard]] int DeliverBody(unsigned char* p, int n, int callCount);
     // ResponseData report; a 0 answer stops the request quietly.
     [[nodiscard]] int ReportResponseData(unsigned char* p, int n, int count);
     // A report changed the request under way (new exchange, cancel).
     [[nodiscard]] bool RequestGone(unsigned int generation) const { return generation != m_nGeneration; }
-
-    // Event handlers of OnSocketEngine_SocketEvent.
-    void OnConnected();
-    void OnHostNotResolvable();
 
     CQHttpSocketEngine* m_pSocketEngine = nullptr;  // owned
     MHttpObserver* m_pObserver = nullptr;           // not owned through this field
@@ -277,17 +245,16 @@ private:
     CHttpData m_RequestData;
     CHttpData m_DNSRequestData;
     CHttpResponseHead m_ResponseHead;
-    int m_nRequestedKind = KKindNone;
-    int m_nCurKind = KKindNone;
+    int m_nRequestedKind = velanet::KKindNone;
+    int m_nCurKind = velanet::KKindNone;
     std::unique_ptr<CMLDataBuf> m_pRecvBuf;
     std::unique_ptr<CMLDataBuf> m_pDecompressBuf;
-    bool m_bHeadReceived = false;
+    enResponsePhase m_enPhase = HRP_Head;
     int m_nRecvBytes = 0;
     int m_nDataCallCount = 0;
+    // Bytes of the current chunk's data still to come; 0: the next bytes
+    // start with a chunk-size line (after the previous data's line end).
     int m_nChunkRemain = 0;
-    // Set when the zero-size chunk ends a chunked body; a chunked body that
-    // ends with the connection before it was cut short.
-    bool m_bLastChunkSeen = false;
     CQSString m_strCurPostData;
     enHttpEngineState m_enCurHES = HES_Idle;
     enHttpRecvDataMode m_enHttpRecvDataMode = HRDM_Length;
@@ -299,8 +266,8 @@ private:
     CQWString m_strRecvFilePath;
     TGzipUtil m_GzipUtil;
     int m_nFilterState = 0;
-    // The gateway was asked once for this request: another event 36 ends it.
-    bool m_bGatewayTried = false;
+    // Gateway lookups this request may still make (one per request).
+    int m_nGatewayAttemptsLeft = 0;
     // Bumped by every Reset: a reader that sees it change after a report
     // leaves the engine alone.
     unsigned int m_nGeneration = 0;

@@ -5,10 +5,6 @@
 
 #include <new>
 
-static_assert(CMLHttpPool::KKindNone == CMLHttpEngine::KKindNone, "the pool reports the engine's kinds");
-static_assert(CMLHttpPool::KIdPage == CMLHttpEngine::KIdCurrentPage, "one page id class");
-static_assert(CMLHttpPool::KIdPrefetch == CMLHttpEngine::KIdPrefetch, "one prefetch id class");
-
 // ------------------------------------------------------------ request units
 
 CRequestUnit::CRequestUnit() = default;

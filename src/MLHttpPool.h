@@ -17,13 +17,13 @@
 // The request unit records (CRequestUnit and its two subclasses) describe a
 // request an owner keeps waiting; neither the pool nor the engines read them.
 //
-// This header does not include src/MLHttpEngine.h (which includes this one
-// for CRequestUnit::enRequestPriority); the engine is forward-declared.
+// The engine is forward-declared: a lower layer never includes this header.
 
 #include "BaseClass/src/CQList.h"
 #include "BaseClass/src/CQString.h"
 #include "src/HttpData.h"
 #include "src/HttpObserver.h"
+#include "src/NetConstants.h"
 
 class CIAPConnectEngine;
 class CMLHttpEngine;
@@ -55,16 +55,14 @@ protected:
 class CRequestUnit
 {
 public:
-    // Priority an owner gives a waiting request; CMLHttpEngine::SetPriority
-    // accepts and ignores it. Lower values are more urgent.
-    enum enRequestPriority : int
-    {
-        RP_Highest = 0,
-        RP_High = 1,
-        RP_Normal = 2,  // every unit starts with it
-        RP_Low = 3,
-        RP_Lowest = 4,
-    };
+    // Priority an owner gives a waiting request (declared beside the other
+    // shared values, so that the engine need not include this header).
+    using enRequestPriority = velanet::enRequestPriority;
+    static constexpr enRequestPriority RP_Highest = velanet::RP_Highest;
+    static constexpr enRequestPriority RP_High = velanet::RP_High;
+    static constexpr enRequestPriority RP_Normal = velanet::RP_Normal;
+    static constexpr enRequestPriority RP_Low = velanet::RP_Low;
+    static constexpr enRequestPriority RP_Lowest = velanet::RP_Lowest;
 
     // Unit kinds (m_nUnitKind).
     enum
@@ -118,10 +116,10 @@ class CMLHttpPool : public MHttpNotifier
 {
 public:
     // Request id classes (see the file comment).
-    static constexpr int KIdPage = static_cast<int>(0xF0000000u);
-    static constexpr int KIdPrefetch = static_cast<int>(0xE0000000u);
-    static constexpr int KIdCss = static_cast<int>(0xC0000000u);
-    static constexpr int KIdImage = static_cast<int>(0xA0000000u);
+    static constexpr int KIdPage = velanet::KIdCurrentPage;
+    static constexpr int KIdPrefetch = velanet::KIdPrefetch;
+    static constexpr int KIdCss = velanet::KIdStyleSheet;
+    static constexpr int KIdImage = velanet::KIdImage;
 
     // Request results.
     enum
@@ -132,7 +130,7 @@ public:
     // Result of a report when there is no notifier.
     static constexpr int KNoNotifierResult = 0;
     // GetCurMethod when no engine carries the page id: the "none" kind.
-    static constexpr int KKindNone = 16;
+    static constexpr int KKindNone = velanet::KKindNone;
 
     // ---- construction
     // NewLC(...) and NewL(...): the constructor, then ConstructL(iap).

@@ -7,6 +7,7 @@
 // Clear and by its destructor (one release path each, safe to call twice).
 
 #include "BaseClass/src/CQString.h"
+#include "src/NetConstants.h"
 
 // The built request of a GET or a POST.
 class CQRequestHeaderUnit
@@ -70,7 +71,7 @@ class CQPostOLFileHeaderUnit : public CQRequestHeaderUnit
 {
 public:
     // Block size after construction.
-    static constexpr int KDefaultBlockSize = 20480;
+    static constexpr int KDefaultBlockSize = velanet::KOLBlockSize;
 
     // SetKey results.
     enum

@@ -137,7 +137,7 @@ struct Record
     void NetEvent(int id, int event)
     {
         Add(id, "event " + std::to_string(event));
-        if (event == CMLHttpEngine::KEventConnected && !fileToWatch.isEmpty())
+        if (event == velanet::KEventConnected && !fileToWatch.isEmpty())
             fileExistedAtConnect = QFile::exists(fileToWatch);
     }
     void NetError(int id, int event)

@@ -283,7 +283,7 @@ TEST_F(PoolHttpbinTest, RedirectIsOnlyReportedForThePageId)
     ASSERT_TRUE(SpinUntil([&] { return m_pool->GetEngine(0)->IsIdle(); }, KDeadlineMs));
     // The id stays on the idle engine until another request takes it.
     EXPECT_EQ(KPageId, m_pool->GetEngine(0)->GetRequestID());
-    EXPECT_EQ(static_cast<int>(CMLHttpEngine::KKindGet), m_pool->GetCurMethod());
+    EXPECT_EQ(static_cast<int>(velanet::KKindGet), m_pool->GetCurMethod());
     // Another request on the same server takes that engine and completes;
     // the page never went on.
     ASSERT_EQ(1, m_pool->DoGet(Url(HttpbinUrl("/get")), KIdOther, nullptr));

@@ -11,6 +11,8 @@
 // builds for the same URL.
 
 #include "src/MLHttpEngine.h"
+#include "src/MLHttpPool.h"
+#include "src/internal/MLHttpEngineTestPeer_p.h"
 
 #include "src/CookieHolder.h"
 #include "src/DNSCache.h"
@@ -453,15 +455,15 @@ TEST_F(EngineTest, NewLStartsIdleWithTheInitialValues)
     EXPECT_TRUE(engine->IsIdle());
     EXPECT_EQ(KSocketIdle, engine->GetHttpSocketCurrentStatus());
     EXPECT_EQ(CMLHttpEngine::HES_Idle, engine->GetState());
-    EXPECT_EQ(CMLHttpEngine::HRDM_Length, engine->GetRecvDataMode());
+    EXPECT_EQ(CMLHttpEngine::HRDM_Length, CMLHttpEngineTestPeer::GetRecvDataMode(*engine));
     EXPECT_EQ(16, engine->GetCurMethod());
-    EXPECT_FALSE(engine->IsHeadReceived());
-    EXPECT_EQ(0, engine->GetBytesReceived());
-    EXPECT_EQ(0, engine->GetDataCallCount());
-    EXPECT_EQ(0, engine->GetMultipartFlag());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*engine));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetBytesReceived(*engine));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetDataCallCount(*engine));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetMultipartFlag(*engine));
     EXPECT_TRUE(engine->GetCurPostData().IsEmpty());
-    EXPECT_EQ(20480, engine->GetPostOLFileHeaderUnit().m_nBlockSize);
-    EXPECT_EQ(-1, engine->GetRequestHeaderUnit().m_nOffset);
+    EXPECT_EQ(20480, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*engine).m_nBlockSize);
+    EXPECT_EQ(-1, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*engine).m_nOffset);
 }
 
 TEST(EngineGatewayURLTest, DefaultIsTheLoopbackGatewayAndASetterChangesIt)
@@ -510,9 +512,9 @@ TEST_F(EngineTest, WithoutSocketEngineRequestsReturnZeroAndChangeNothing)
     EXPECT_EQ(0, bare.DoPostOLFile("127.0.0.1", nullptr, 0, file, 100));
     EXPECT_EQ(0, bare.ConnectServer(nullptr));
     EXPECT_EQ(16, bare.GetCurMethod());
-    EXPECT_TRUE(bare.GetRequestData().GetURL().IsEmpty());
-    EXPECT_FALSE(bare.IsRecvToFile());
-    EXPECT_TRUE(bare.GetRecvFilePath().IsEmpty());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetRequestData(bare).GetURL().IsEmpty());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsRecvToFile(bare));
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetRecvFilePath(bare).IsEmpty());
     EXPECT_EQ(CMLHttpEngine::HES_Idle, bare.GetState());
     EXPECT_FALSE(bare.IsIdle());
     EXPECT_EQ(-1, bare.GetHttpSocketCurrentStatus());
@@ -565,11 +567,11 @@ TEST_P(EngineEventTest, MapsTheEventAsTheTableSays)
     if (row.action == EventAction::NetError) {
         EXPECT_TRUE(m_engine->IsIdle());
         EXPECT_FALSE(QFile::exists(path)) << "a failure deletes the receive file";
-        EXPECT_FALSE(m_engine->IsRecvToFile());
+        EXPECT_FALSE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
     } else {
         EXPECT_FALSE(m_engine->IsIdle());
         EXPECT_TRUE(QFile::exists(path));
-        EXPECT_TRUE(m_engine->IsRecvToFile());
+        EXPECT_TRUE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
     }
     EXPECT_EQ(CMLHttpEngine::HES_HttpRequest, m_engine->GetState());
 }
@@ -615,14 +617,14 @@ TEST_F(EngineTest, Events80And81ReportNothingAndLeaveTheEngineAsItWas)
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     Get("/a");
     Connect();
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
     const int status = m_engine->GetHttpSocketCurrentStatus();
     Event(81);
     Event(80);
     EXPECT_EQ(status, m_engine->GetHttpSocketCurrentStatus());
     EXPECT_EQ(CMLHttpEngine::HES_HttpRequest, m_engine->GetState());
     EXPECT_EQ(17, m_engine->GetCurMethod());
-    EXPECT_EQ(sent, HeaderBytes(m_engine->GetRequestHeaderUnit()));
+    EXPECT_EQ(sent, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
 }
 
 TEST_F(EngineTest, ConnectedWithoutARequestKindIsFatal)
@@ -638,11 +640,11 @@ TEST_F(EngineTest, ConnectedSendsTheGetHeadThenReportsEvent32)
     Get("/news?id=7");
     EXPECT_EQ(CMLHttpEngine::HES_HttpRequest, m_engine->GetState());
     EXPECT_EQ(17, m_engine->GetCurMethod());
-    EXPECT_EQ(17, m_engine->GetRequestedMethod());
+    EXPECT_EQ(17, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
     EXPECT_FALSE(m_engine->IsIdle());
     Connect();
-    EXPECT_EQ(ExpectedGet(Url("/news?id=7"), KId), HeaderBytes(m_engine->GetRequestHeaderUnit()));
-    EXPECT_EQ(std::string::npos, HeaderBytes(m_engine->GetRequestHeaderUnit()).find("Range:"));
+    EXPECT_EQ(ExpectedGet(Url("/news?id=7"), KId), HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
+    EXPECT_EQ(std::string::npos, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)).find("Range:"));
 }
 
 TEST_F(EngineTest, TheRequestIdIsTheEncodingModeSoOnlyTheCurrentPageAsksForGzip)
@@ -651,7 +653,7 @@ TEST_F(EngineTest, TheRequestIdIsTheEncodingModeSoOnlyTheCurrentPageAsksForGzip)
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KIdCurrentPage, KConnected));
     Get("/");
     Connect();
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
     EXPECT_EQ(ExpectedGet(Url("/"), KIdCurrentPage), sent);
     EXPECT_NE(std::string::npos, sent.find("Accept-Encoding: gzip\r\n"));
 }
@@ -660,9 +662,9 @@ TEST_F(EngineTest, GetWithAResumeOffsetSendsARangeRequest)
 {
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     ASSERT_NE(0, m_engine->DoGet(Url("/file").c_str(), nullptr, 500));
-    EXPECT_EQ(500, m_engine->GetRequestHeaderUnit().m_nOffset);
+    EXPECT_EQ(500, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_nOffset);
     Connect();
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
     EXPECT_EQ(ExpectedPartialGet(Url("/file"), KId, 500), sent);
     EXPECT_NE(std::string::npos, sent.find("Range: bytes=500-\r\n"));
 }
@@ -672,10 +674,10 @@ TEST_F(EngineTest, DoGetWithStringsAlwaysSendsARangeRequestFromByteZero)
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     const QString path = m_dir.File("whole.bin");
     EXPECT_EQ(1, m_engine->DoGet(CQSString(Url("/whole").c_str()), CQWString(path)));
-    EXPECT_EQ(0, m_engine->GetRequestHeaderUnit().m_nOffset);
-    EXPECT_TRUE(m_engine->IsRecvToFile());
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_nOffset);
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
     Connect();
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
     EXPECT_EQ(ExpectedPartialGet(Url("/whole"), KId, 0), sent);
     EXPECT_NE(std::string::npos, sent.find("Range: bytes=0-\r\n"));
     EXPECT_TRUE(QFile::exists(path)) << "the receive file is created when the request is sent";
@@ -688,11 +690,11 @@ TEST_F(EngineTest, PostSendsHeadAndBody)
     ASSERT_NE(0, m_engine->DoPost(Url("/form").c_str(), nullptr, reinterpret_cast<unsigned char*>(&body[0]),
                                   static_cast<int>(body.size())));
     EXPECT_EQ(18, m_engine->GetCurMethod());
-    EXPECT_EQ(18, m_engine->GetRequestedMethod());
-    EXPECT_EQ(-1, m_engine->GetRequestHeaderUnit().m_nOffset);
-    EXPECT_EQ(body, ToStd(m_engine->GetRequestHeaderUnit().m_strData));
+    EXPECT_EQ(18, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
+    EXPECT_EQ(-1, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_nOffset);
+    EXPECT_EQ(body, ToStd(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_strData));
     Connect();
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
     EXPECT_EQ(ExpectedPost(Url("/form"), KId, body), sent);
     EXPECT_EQ(body, sent.substr(sent.size() - body.size()));
 }
@@ -702,8 +704,8 @@ TEST_F(EngineTest, PostReferenceFormForwardsTheReceiveFile)
     const QString path = m_dir.File("post.bin");
     unsigned char body[] = {'x', '=', '1'};
     ASSERT_NE(0, m_engine->DoPost(Url("/form").c_str(), CQWString(path), body, 3));
-    EXPECT_TRUE(m_engine->IsRecvToFile());
-    EXPECT_EQ(path, m_engine->GetRecvFilePath().ToQString());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
+    EXPECT_EQ(path, CMLHttpEngineTestPeer::GetRecvFilePath(*m_engine).ToQString());
 }
 
 TEST_F(EngineTest, PostWhoseRequestCannotBeBuiltIsFatal)
@@ -728,8 +730,8 @@ TEST_F(EngineTest, GetWhoseRequestCannotBeBuiltSendsNothing)
     }
     (void)m_engine->DoGet("no-scheme-here", nullptr, -1);
     Event(KConnected);
-    EXPECT_EQ(nullptr, m_engine->GetRequestHeaderUnit().m_pHeaderData);
-    EXPECT_EQ(0, m_engine->GetRequestHeaderUnit().m_nHeaderLen);
+    EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_pHeaderData);
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_nHeaderLen);
 }
 
 TEST_F(EngineTest, ASendTheSocketEngineRefusesIsFatal)
@@ -753,7 +755,7 @@ TEST_F(EngineTest, PostFileWithAnEmptyPathIsDroppedWithoutAWord)
     const int status = m_engine->GetHttpSocketCurrentStatus();
     Event(KConnected);
     EXPECT_EQ(status, m_engine->GetHttpSocketCurrentStatus()) << "nothing was handed to the socket engine";
-    EXPECT_EQ(nullptr, m_engine->GetPostFileHeaderUnit().m_pHeaderData);
+    EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetPostFileHeaderUnit(*m_engine).m_pHeaderData);
 }
 
 TEST_F(EngineTest, PostFileOfAMissingFileIsDroppedWithoutAWord)
@@ -764,7 +766,7 @@ TEST_F(EngineTest, PostFileOfAMissingFileIsDroppedWithoutAWord)
     const int status = m_engine->GetHttpSocketCurrentStatus();
     Event(KConnected);
     EXPECT_EQ(status, m_engine->GetHttpSocketCurrentStatus());
-    EXPECT_EQ(nullptr, m_engine->GetPostFileHeaderUnit().m_pHeaderData);
+    EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetPostFileHeaderUnit(*m_engine).m_pHeaderData);
 }
 
 TEST_F(EngineTest, PostFileSendsTheMultipartHeadBuiltFromTheStoredFields)
@@ -777,7 +779,7 @@ TEST_F(EngineTest, PostFileSendsTheMultipartHeadBuiltFromTheStoredFields)
     ASSERT_NE(0, m_engine->DoPostFile(Url("/up").c_str(), nullptr, reinterpret_cast<unsigned char*>(&fields[0]),
                                       static_cast<int>(fields.size()), CQWString(upload), CQWString(L"attach")));
     (void)recv;
-    const CQPostFileHeaderUnit& unit = m_engine->GetPostFileHeaderUnit();
+    const CQPostFileHeaderUnit& unit = CMLHttpEngineTestPeer::GetPostFileHeaderUnit(*m_engine);
     EXPECT_EQ(fields, ToStd(unit.m_strData));
     EXPECT_EQ(upload, unit.m_strFilePath.ToQString());
     EXPECT_EQ(QString("attach"), unit.m_strFieldName.ToQString());
@@ -817,9 +819,9 @@ TEST_F(EngineTest, PostOLFileStoresWhatTheUploadNeedsAndConnectsToTheHost)
     const std::string host = "127.0.0.1:" + std::to_string(m_port);
     char key[] = {'k', '3', 'y', 'X'};
     ASSERT_NE(0, m_engine->DoPostOLFile(host.c_str(), key, 3, CQWString(upload), 4096));
-    const CQPostOLFileHeaderUnit& unit = m_engine->GetPostOLFileHeaderUnit();
+    const CQPostOLFileHeaderUnit& unit = CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine);
     EXPECT_EQ(20, m_engine->GetCurMethod());
-    EXPECT_EQ(20, m_engine->GetRequestedMethod());
+    EXPECT_EQ(20, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
     EXPECT_EQ(4096, unit.m_nBlockSize);
     EXPECT_EQ(upload, unit.m_strFilePath.ToQString());
     EXPECT_EQ(host, ToStd(unit.m_strHost));
@@ -827,8 +829,8 @@ TEST_F(EngineTest, PostOLFileStoresWhatTheUploadNeedsAndConnectsToTheHost)
     EXPECT_EQ(std::string("k3y"), std::string(unit.m_pKey));
     EXPECT_EQ(0, unit.m_nFileLen);
     EXPECT_EQ(-1, unit.m_nOffset);
-    EXPECT_FALSE(m_engine->IsRecvToFile());
-    EXPECT_EQ("http://" + host + "/", ToStd(m_engine->GetRequestData().GetURL()));
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
+    EXPECT_EQ("http://" + host + "/", ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
     EXPECT_FALSE(m_engine->IsIdle());
 }
 
@@ -852,7 +854,7 @@ TEST_F(EngineTest, PostOLFileOfAMissingFileIsDroppedWithoutAWord)
     const int status = m_engine->GetHttpSocketCurrentStatus();
     Event(KConnected);
     EXPECT_EQ(status, m_engine->GetHttpSocketCurrentStatus());
-    EXPECT_EQ(0, m_engine->GetPostOLFileHeaderUnit().m_nFileLen);
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_nFileLen);
 }
 
 TEST_F(EngineTest, GetMoreSendDataServesTheStoredRequestFromAnOffset)
@@ -862,7 +864,7 @@ TEST_F(EngineTest, GetMoreSendDataServesTheStoredRequestFromAnOffset)
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     Get("/a");
     Connect();
-    const CQRequestHeaderUnit& unit = m_engine->GetRequestHeaderUnit();
+    const CQRequestHeaderUnit& unit = CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine);
     EXPECT_EQ(unit.m_pHeaderData, m_engine->OnSocketEngine_GetMoreSendData(0, len));
     EXPECT_EQ(unit.m_nHeaderLen, len);
     EXPECT_EQ(unit.m_pHeaderData + 10, m_engine->OnSocketEngine_GetMoreSendData(10, len));
@@ -881,26 +883,26 @@ TEST_F(EngineTest, CookiesOfTheHolderGoOutUntilDisabled)
     QCookieHolder holder;
     ASSERT_EQ(QCookieHolder::KCookieStored, holder.ParseCookie(CQSString(Url("/").c_str()), CQSString("sid=ab12")));
     m_engine->SetCookieHold(&holder);
-    EXPECT_EQ(&holder, m_engine->GetRequestData().GetCookiePointer());
+    EXPECT_EQ(&holder, CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetCookiePointer());
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected)).Times(2);
     Get("/c");
     Connect();
-    EXPECT_NE(std::string::npos, HeaderBytes(m_engine->GetRequestHeaderUnit()).find("Cookie: sid=ab12\r\n"));
+    EXPECT_NE(std::string::npos, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)).find("Cookie: sid=ab12\r\n"));
     m_engine->DisableCookie();
-    EXPECT_EQ(nullptr, m_engine->GetRequestData().GetCookiePointer());
+    EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetCookiePointer());
     Get("/c");
     Connect();
-    EXPECT_EQ(std::string::npos, HeaderBytes(m_engine->GetRequestHeaderUnit()).find("Cookie:"));
+    EXPECT_EQ(std::string::npos, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)).find("Cookie:"));
 }
 
 TEST_F(EngineTest, PriorityAndUserAgentCallsChangeNothing)
 {
-    const std::string ua = ToStd(const_cast<CHttpData&>(m_engine->GetRequestData()).GetUserAgent());
+    const std::string ua = ToStd(const_cast<CHttpData&>(CMLHttpEngineTestPeer::GetRequestData(*m_engine)).GetUserAgent());
     CQSString a("User-Agent: other"), b("V-UA: other"), c("X: y");
     m_engine->SetUserAgent(a, b, c);
     m_engine->SetPriority(CRequestUnit::RP_Highest);
     m_engine->SetPriority(CRequestUnit::RP_Low);
-    EXPECT_EQ(ua, ToStd(const_cast<CHttpData&>(m_engine->GetRequestData()).GetUserAgent()));
+    EXPECT_EQ(ua, ToStd(const_cast<CHttpData&>(CMLHttpEngineTestPeer::GetRequestData(*m_engine)).GetUserAgent()));
     EXPECT_EQ(1, m_engine->DoClearSendInfo());
 }
 
@@ -943,25 +945,25 @@ TEST_F(EngineTest, ResetClearsTheResponseButKeepsStateKindsIdPathAndRequest)
     Get("/r", &file);
     Connect();
     ASSERT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 10\r\n") + "abcd"));
-    ASSERT_TRUE(m_engine->IsHeadReceived());
-    const std::string sent = HeaderBytes(m_engine->GetRequestHeaderUnit());
+    ASSERT_TRUE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
 
     m_engine->Reset(false);
     EXPECT_TRUE(m_engine->IsIdle());
-    EXPECT_FALSE(m_engine->IsHeadReceived());
-    EXPECT_EQ(0, m_engine->GetBytesReceived());
-    EXPECT_EQ(0, m_engine->GetDataCallCount());
-    EXPECT_EQ(CMLHttpEngine::HRDM_Length, m_engine->GetRecvDataMode());
-    EXPECT_FALSE(m_engine->IsRecvToFile());
-    EXPECT_EQ(-1, m_engine->GetResponseHead().m_nStatusCode);
-    EXPECT_EQ(0, m_engine->GetFilterState());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetBytesReceived(*m_engine));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetDataCallCount(*m_engine));
+    EXPECT_EQ(CMLHttpEngine::HRDM_Length, CMLHttpEngineTestPeer::GetRecvDataMode(*m_engine));
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
+    EXPECT_EQ(-1, CMLHttpEngineTestPeer::GetResponseHead(*m_engine).m_nStatusCode);
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetFilterState(*m_engine));
     EXPECT_EQ(CMLHttpEngine::HES_HttpRequest, m_engine->GetState());
     EXPECT_EQ(17, m_engine->GetCurMethod());
-    EXPECT_EQ(17, m_engine->GetRequestedMethod());
+    EXPECT_EQ(17, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
     EXPECT_EQ(KId, m_engine->GetRequestID());
-    EXPECT_EQ(path, m_engine->GetRecvFilePath().ToQString());
-    EXPECT_EQ(sent, HeaderBytes(m_engine->GetRequestHeaderUnit()));
-    EXPECT_EQ(Url("/r"), ToStd(m_engine->GetRequestData().GetURL()));
+    EXPECT_EQ(path, CMLHttpEngineTestPeer::GetRecvFilePath(*m_engine).ToQString());
+    EXPECT_EQ(sent, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
+    EXPECT_EQ(Url("/r"), ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
     EXPECT_EQ("abcd", ReadFile(path)) << "Reset(false) keeps the receive file";
 }
 
@@ -996,7 +998,7 @@ TEST_F(EngineTest, AReceiveFileThatCannotBeOpenedIsTurnedOffAndTheBodyStillRepor
     }
     Get("/r", &file);
     Connect();
-    EXPECT_FALSE(m_engine->IsRecvToFile());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 3\r\n") + "xyz"));
     EXPECT_EQ("xyz", Body());
 }
@@ -1016,7 +1018,7 @@ TEST_F(EngineTest, AHeadSplitOverThreeReadsIsParsedOnlyWhenTheThirdCompletesIt)
     Connect();
     EXPECT_EQ(1, Feed("HTTP/1.1 200 OK\r\nConte"));
     EXPECT_EQ(1, Feed("nt-Length: 5\r\n"));
-    EXPECT_FALSE(m_engine->IsHeadReceived());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
     EXPECT_EQ(0, Feed("\r\nhello"));
     EXPECT_EQ("hello", Body());
     EXPECT_TRUE(m_engine->IsIdle());
@@ -1032,7 +1034,7 @@ TEST_F(EngineTest, ContentLengthZeroReportsTheHeadAndCompletesOnlyWithAFurtherPi
     Get("/empty");
     Connect();
     EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 0\r\n")));
-    EXPECT_TRUE(m_engine->IsHeadReceived());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
     EXPECT_FALSE(m_engine->IsIdle()) << "nothing completes until a further piece arrives";
     ::testing::Mock::VerifyAndClearExpectations(&m_obs);
 
@@ -1056,7 +1058,7 @@ TEST_F(EngineTest, AHeadOfExactly10240BytesIsParsed)
     Get("/big");
     Connect();
     EXPECT_EQ(1, Feed(head));
-    EXPECT_TRUE(m_engine->IsHeadReceived());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
 }
 
 TEST_F(EngineTest, AHeadOneByteOver10240EndsTheRequestWithNetError64)
@@ -1088,7 +1090,7 @@ TEST_F(EngineTest, ReceiveDataWithoutObserverAnswersZeroAndKeepsNothing)
     const std::string head = Head("HTTP/1.1 200 OK", "Content-Length: 1\r\n");
     std::vector<unsigned char> bytes(head.begin(), head.end());
     EXPECT_EQ(0, m_engine->OnSocketEngine_ReceiveData(bytes.data(), static_cast<int>(bytes.size())));
-    EXPECT_FALSE(m_engine->IsHeadReceived());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
 }
 
 TEST_F(EngineTest, AnObserverThatRefusesTheHeadStopsTheRequestQuietly)
@@ -1102,7 +1104,7 @@ TEST_F(EngineTest, AnObserverThatRefusesTheHeadStopsTheRequestQuietly)
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 3\r\n") + "abc"));
     EXPECT_TRUE(m_engine->IsIdle());
-    EXPECT_FALSE(m_engine->IsHeadReceived());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
 }
 
 TEST_F(EngineTest, AnObserverThatCancelsInsideTheHeadReportGetsNothingMore)
@@ -1210,14 +1212,14 @@ TEST_F(EngineTest, A302WithId5ReportsTheLocationAndFollowsItOnTheSameEngineUnder
     Get("/first");
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: " + target + "\r\nContent-Length: 0\r\n")));
-    EXPECT_EQ(target, ToStd(m_engine->GetRequestData().GetURL()));
+    EXPECT_EQ(target, ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
     EXPECT_EQ(17, m_engine->GetCurMethod());
-    EXPECT_EQ(-1, m_engine->GetRequestHeaderUnit().m_nOffset);
+    EXPECT_EQ(-1, CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine).m_nOffset);
     EXPECT_EQ(KIdFive, m_engine->GetRequestID());
     EXPECT_FALSE(m_engine->IsIdle()) << "the GET of the location is under way";
 
     Connect();
-    EXPECT_EQ(ExpectedGet(target, KIdFive), HeaderBytes(m_engine->GetRequestHeaderUnit()));
+    EXPECT_EQ(ExpectedGet(target, KIdFive), HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 2\r\n") + "ok"));
 }
 
@@ -1234,7 +1236,7 @@ TEST_F(EngineTest, A302ForTheCurrentPageOrAPrefetchIsOnlyReported)
         Connect();
         EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: " + Url("/other") + "\r\n")));
         EXPECT_TRUE(m_engine->IsIdle());
-        EXPECT_EQ(Url("/first"), ToStd(m_engine->GetRequestData().GetURL()));
+        EXPECT_EQ(Url("/first"), ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
         ::testing::Mock::VerifyAndClearExpectations(&m_obs);
     }
 }
@@ -1250,7 +1252,7 @@ TEST_F(EngineTest, A302ForAStyleSheetIsFollowed)
     Get("/first");
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 301 Moved", "Location: " + Url("/s.css") + "\r\n")));
-    EXPECT_EQ(Url("/s.css"), ToStd(m_engine->GetRequestData().GetURL()));
+    EXPECT_EQ(Url("/s.css"), ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
     EXPECT_FALSE(m_engine->IsIdle());
 }
 
@@ -1266,7 +1268,7 @@ TEST_F(EngineTest, A304ReportsAnEmptyLocationAndStartsAGetOfAnEmptyURL)
     Get("/cached");
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 304 Not Modified", "Content-Length: 0\r\n")));
-    EXPECT_TRUE(m_engine->GetRequestData().GetURL().IsEmpty());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL().IsEmpty());
     EXPECT_EQ(17, m_engine->GetCurMethod());
 }
 
@@ -1308,7 +1310,7 @@ TEST_P(EngineRedirectTest, ALocationWithoutSchemeIsResolvedAgainstTheRequestURL)
     Get(row.requestPath);
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: " + Expand(row.location) + "\r\n")));
-    EXPECT_EQ(reported, ToStd(m_engine->GetRequestData().GetURL()));
+    EXPECT_EQ(reported, ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
     EXPECT_FALSE(m_engine->IsIdle());
 }
 
@@ -1344,8 +1346,8 @@ TEST_F(EngineTest, ARedirectKeepsTheReceiveFile)
     Get("/a", &file);
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: /b\r\n")));
-    EXPECT_TRUE(m_engine->IsRecvToFile());
-    EXPECT_EQ(path, m_engine->GetRecvFilePath().ToQString());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsRecvToFile(*m_engine));
+    EXPECT_EQ(path, CMLHttpEngineTestPeer::GetRecvFilePath(*m_engine).ToQString());
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 4\r\n") + "data"));
     EXPECT_EQ("data", ReadFile(path));
@@ -1390,7 +1392,7 @@ TEST_F(EngineTest, ALengthBodyReportsTheRunningCountAndCompletesAtTheLength)
     Connect();
     EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 2500\r\n")));
     EXPECT_EQ(1, Feed(body.substr(0, 1000)));
-    EXPECT_EQ(CMLHttpEngine::HRDM_Length, m_engine->GetRecvDataMode());
+    EXPECT_EQ(CMLHttpEngine::HRDM_Length, CMLHttpEngineTestPeer::GetRecvDataMode(*m_engine));
     EXPECT_EQ(1, Feed(body.substr(1000, 1000)));
     EXPECT_EQ(0, Feed(body.substr(2000)));
     EXPECT_EQ(body, Body());
@@ -1426,7 +1428,7 @@ TEST_F(EngineTest, AnObserverReturningZeroFromResponseDataGetsNoCompletionAndThe
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 6\r\n") + "abc"));
     EXPECT_TRUE(m_engine->IsIdle());
-    EXPECT_FALSE(m_engine->IsHeadReceived());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
 }
 
 TEST_F(EngineTest, AClosedConnectionBeforeTheLengthIsReachedIsNetError34)
@@ -1557,7 +1559,7 @@ TEST_F(EngineTest, ABodyWithoutLengthIsReportedByCallCountAndEndsWithTheConnecti
     Get("/s", &file);
     Connect();
     EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Connection: close\r\n") + "abc"));
-    EXPECT_EQ(CMLHttpEngine::HRDM_Stream, m_engine->GetRecvDataMode());
+    EXPECT_EQ(CMLHttpEngine::HRDM_Stream, CMLHttpEngineTestPeer::GetRecvDataMode(*m_engine));
     EXPECT_EQ(1, Feed("defg"));
     EXPECT_EQ(1, Feed(std::string(1025, 'z')));
     EXPECT_EQ(1, m_engine->OnSocketEngine_ReceivDataEnd());
@@ -1656,13 +1658,13 @@ TEST_F(EngineTest, AChunkOf3000BytesInThreeReadsIsThreePiecesAndTheRemainderRuns
     Get("/c");
     Connect();
     EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + "bb8\r\n"));
-    EXPECT_EQ(3000, m_engine->GetChunkRemainder());
+    EXPECT_EQ(3000, CMLHttpEngineTestPeer::GetChunkRemainder(*m_engine));
     EXPECT_EQ(1, Feed(data.substr(0, 1000)));
-    EXPECT_EQ(2000, m_engine->GetChunkRemainder());
+    EXPECT_EQ(2000, CMLHttpEngineTestPeer::GetChunkRemainder(*m_engine));
     EXPECT_EQ(1, Feed(data.substr(1000, 1000)));
-    EXPECT_EQ(1000, m_engine->GetChunkRemainder());
+    EXPECT_EQ(1000, CMLHttpEngineTestPeer::GetChunkRemainder(*m_engine));
     EXPECT_EQ(0, Feed(data.substr(2000) + "\r\n0\r\n\r\n"));
-    EXPECT_EQ(0, m_engine->GetChunkRemainder());
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetChunkRemainder(*m_engine));
     EXPECT_EQ(data, Body());
 }
 
@@ -1824,8 +1826,8 @@ TEST_F(EngineTest, AfterAGzipCompletionTheEngineStaysBusyUntilA34ResetsItWithThe
                       gz));
     EXPECT_EQ(plain, Body());
     EXPECT_FALSE(m_engine->IsIdle()) << "a gzip completion does not reset the engine";
-    EXPECT_TRUE(m_engine->IsHeadReceived());
-    EXPECT_EQ(static_cast<int>(gz.size()), m_engine->GetBytesReceived());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+    EXPECT_EQ(static_cast<int>(gz.size()), CMLHttpEngineTestPeer::GetBytesReceived(*m_engine));
     EXPECT_EQ(gz, ReadFile(path)) << "the file holds the body as it came";
 
     Event(KSocketError);  // the server closes the connection
@@ -1918,7 +1920,7 @@ TEST_F(EngineTest, AGzipBodyThatFailsToDecodeIsNetEvent48)
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Encoding: gzip\r\nContent-Length: 6\r\n") + "NOTGZ!"));
     EXPECT_TRUE(m_engine->IsIdle());
-    EXPECT_EQ(0, m_engine->GetFilterState());
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetFilterState(*m_engine));
 }
 
 TEST_F(EngineTest, AnObserverStoppingAGzipBodyGetsNothingMore)
@@ -1974,9 +1976,9 @@ TEST_F(EngineGatewayTest, Event36InState1StartsTheGatewayLookupAndASecond36EndsI
     EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, KNotResolvable));
     StartAndFailLookup("first.test");
     EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
-    EXPECT_EQ(GatewayURL() + "first.test", ToStd(m_engine->GetDNSRequestData().GetURL()));
+    EXPECT_EQ(GatewayURL() + "first.test", ToStd(CMLHttpEngineTestPeer::GetDNSRequestData(*m_engine).GetURL()));
     EXPECT_EQ(17, m_engine->GetCurMethod());
-    EXPECT_EQ(17, m_engine->GetRequestedMethod());
+    EXPECT_EQ(17, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
     EXPECT_FALSE(m_engine->IsIdle()) << "connecting to the gateway";
 
     Event(KNotResolvable);
@@ -1999,7 +2001,7 @@ TEST_F(EngineGatewayTest, TheGatewayRequestIsAPlainGetOfTheBaseURLAndTheHost)
     EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     StartAndFailLookup("ask.test");
     Connect();
-    EXPECT_EQ(ExpectedGet(GatewayURL() + "ask.test", 0), HeaderBytes(m_engine->GetRequestHeaderUnit()));
+    EXPECT_EQ(ExpectedGet(GatewayURL() + "ask.test", 0), HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
 }
 
 TEST_F(EngineGatewayTest, ACompletedReplyStoresTheAddressAndRetriesTheRequest)
@@ -2010,7 +2012,7 @@ TEST_F(EngineGatewayTest, ACompletedReplyStoresTheAddressAndRetriesTheRequest)
         EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
     }
     StartAndFailLookup("retry.test", 18);
-    EXPECT_EQ(18, m_engine->GetRequestedMethod());
+    EXPECT_EQ(18, CMLHttpEngineTestPeer::GetRequestedMethod(*m_engine));
     EXPECT_EQ(17, m_engine->GetCurMethod());
     Connect();
     // Loopback, so that the retried connection stays on this machine.
@@ -2023,7 +2025,7 @@ TEST_F(EngineGatewayTest, ACompletedReplyStoresTheAddressAndRetriesTheRequest)
     EXPECT_FALSE(m_engine->IsIdle()) << "the request is retried";
 
     Connect();
-    EXPECT_EQ(ExpectedPost(NamedUrl("retry.test", "/page"), KId, "p=1"), HeaderBytes(m_engine->GetRequestHeaderUnit()));
+    EXPECT_EQ(ExpectedPost(NamedUrl("retry.test", "/page"), KId, "p=1"), HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
 }
 
 TEST_F(EngineGatewayTest, ARetryThatFailsToResolveAgainEndsTheRequestWithNetError36)
@@ -2083,7 +2085,7 @@ TEST_F(EngineGatewayTest, AnEmptyHostLeavesTheEngineInState2WithNothingUnderWay)
     m_engine->GetSocketEngine()->CancelEngine();
     Event(KNotResolvable);
     EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
-    EXPECT_TRUE(m_engine->GetDNSRequestData().GetURL().IsEmpty());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetDNSRequestData(*m_engine).GetURL().IsEmpty());
     EXPECT_TRUE(m_engine->IsIdle());
 }
 
@@ -2425,11 +2427,11 @@ TEST_F(EngineUploadTest, ABlockSizeThatDoesNotFitBesideTheRequestTextIsRefusedUp
     EXPECT_EQ(0, m_engine->DoPostOLFile(host.c_str(), &longKey[0], 1024, file, 100));
     // Nothing was stored or started.
     EXPECT_EQ(16, m_engine->GetCurMethod());
-    EXPECT_EQ(20480, m_engine->GetPostOLFileHeaderUnit().m_nBlockSize);
+    EXPECT_EQ(20480, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_nBlockSize);
     EXPECT_TRUE(m_engine->IsIdle());
     // At the edge the upload starts.
     EXPECT_NE(0, m_engine->DoPostOLFile(host.c_str(), key, 3, file, static_cast<unsigned int>(20480 - text)));
-    EXPECT_EQ(20480 - text, m_engine->GetPostOLFileHeaderUnit().m_nBlockSize);
+    EXPECT_EQ(20480 - text, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_nBlockSize);
 }
 
 TEST_F(EngineUploadTest, UploadOf600BytesIsOneBlockAndEndsWithProgress600)
@@ -2451,7 +2453,7 @@ TEST_F(EngineUploadTest, UploadOf600BytesIsOneBlockAndEndsWithProgress600)
     const std::string text = UploadText("/u/" + Md5Of(content), host);
     EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(text + content)),
               velatest::Visible(QByteArray::fromStdString(ServerReads(static_cast<int>(text.size()) + 600))));
-    EXPECT_EQ(600, engine->GetPostOLFileHeaderUnit().m_nFileLen);
+    EXPECT_EQ(600, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*engine).m_nFileLen);
     ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetHttpSocketCurrentStatus() == KReceiving; }));
     ServerReplies("HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
     ASSERT_TRUE(velatest::SpinUntil([&] { return engine->IsIdle(); }));

@@ -9,6 +9,7 @@
 #include "src/CookieHolder.h"
 #include "src/DNSCache.h"
 #include "src/MLHttpEngine.h"
+#include "src/internal/MLHttpEngineTestPeer_p.h"
 #include "support/ScriptedPeer.h"
 #include "support/TestSupport.h"
 
@@ -646,7 +647,7 @@ TEST(MLHttpPoolTest, EnableCookieTwiceKeepsTheFirstHolder)
     EXPECT_TRUE(pool->IsCookieEnabled());
     EXPECT_EQ(&a, pool->GetCookieHolder());
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(&a, pool->GetEngine(i)->GetRequestData().GetCookiePointer()) << i;
+        EXPECT_EQ(&a, CMLHttpEngineTestPeer::GetRequestData(*pool->GetEngine(i)).GetCookiePointer()) << i;
 }
 
 TEST(MLHttpPoolTest, DisableCookieClearsHolderOnPoolAndEngines)
@@ -661,12 +662,12 @@ TEST(MLHttpPoolTest, DisableCookieClearsHolderOnPoolAndEngines)
     EXPECT_FALSE(pool->IsCookieEnabled());
     EXPECT_EQ(nullptr, pool->GetCookieHolder());
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(nullptr, pool->GetEngine(i)->GetRequestData().GetCookiePointer()) << i;
+        EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetRequestData(*pool->GetEngine(i)).GetCookiePointer()) << i;
     // Once disabled, a new holder is taken.
     pool->EnableCookie(&b);
     EXPECT_EQ(&b, pool->GetCookieHolder());
     for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(&b, pool->GetEngine(i)->GetRequestData().GetCookiePointer()) << i;
+        EXPECT_EQ(&b, CMLHttpEngineTestPeer::GetRequestData(*pool->GetEngine(i)).GetCookiePointer()) << i;
 }
 
 TEST(MLHttpPoolTest, EnableCookieWithNullHolderEnablesWithoutStoring)

@@ -17,10 +17,10 @@ const int KRetryMs = 5;
 // transfer seen lost on two checks in a row is failed.
 const int KWatchMs = 100;
 // A gzip body is reported decoded: the head's length is the encoded one.
-const int KEventDecompressFailed = CMLHttpEngine::KEventDecompressFailed;
-const int KEventConnected = CMLHttpEngine::KEventConnected;
-const int KEventLookupStarted = CMLHttpEngine::KEventLookupStarted;
-const int KEventResolved = CMLHttpEngine::KEventResolved;
+const int KEventDecompressFailed = velanet::KEventDecompressFailed;
+const int KEventConnected = velanet::KEventConnected;
+const int KEventLookupStarted = velanet::KEventLookupStarted;
+const int KEventResolved = velanet::KEventResolved;
 
 bool RedirectsReportedOnly(int id)
 {

@@ -99,11 +99,11 @@ QString NetErrorText(const Transfer& t)
 {
     const bool secure = t.currentUrl.startsWith("https:");
     switch (t.code) {
-    case CMLHttpEngine::KEventHostNotResolvable:
+    case velanet::KEventHostNotResolvable:
         return "host not found";
-    case CMLHttpEngine::KEventRecvBufferFull:
+    case velanet::KEventRecvBufferFull:
         return "response head too large";
-    case CMLHttpEngine::KEventSocketError:
+    case velanet::KEventSocketError:
         if (t.headReceived)
             return "body ended early";
         if (t.connects > 0)
@@ -122,31 +122,31 @@ QString NetErrorText(const Transfer& t)
 QString EventMeaning(int event)
 {
     switch (event) {
-    case CMLHttpEngine::KEventProgress16:
-    case CMLHttpEngine::KEventProgress20:
+    case velanet::KEventOwnerProgressA:
+    case velanet::KEventOwnerProgressB:
         return "progress";
-    case CMLHttpEngine::KEventFailure17:
-    case CMLHttpEngine::KEventFailure18:
-    case CMLHttpEngine::KEventFailure33:
+    case velanet::KEventOwnerFailureA:
+    case velanet::KEventOwnerFailureB:
+    case velanet::KEventOwnerFailureC:
         return "failure";
-    case CMLHttpEngine::KEventConnected:
+    case velanet::KEventConnected:
         return "connected, request sent";
-    case CMLHttpEngine::KEventSocketError:
+    case velanet::KEventSocketError:
         return "socket error (refused, reset, closed or TLS failure)";
-    case CMLHttpEngine::KEventPassedOn35:
+    case velanet::KEventPassedThroughA:
         return "network error";
-    case CMLHttpEngine::KEventHostNotResolvable:
+    case velanet::KEventHostNotResolvable:
         return "host not resolvable";
-    case CMLHttpEngine::KEventResolved:
+    case velanet::KEventResolved:
         return "host resolved";
-    case CMLHttpEngine::KEventLookupStarted:
+    case velanet::KEventLookupStarted:
         return "lookup started";
-    case CMLHttpEngine::KEventDecompressFailed:
+    case velanet::KEventDecompressFailed:
         return "gzip body does not decode";
-    case CMLHttpEngine::KEventPassedOn49:
-    case CMLHttpEngine::KEventPassedOn50:
+    case velanet::KEventPassedThroughB:
+    case velanet::KEventPassedThroughC:
         return "network error";
-    case CMLHttpEngine::KEventRecvBufferFull:
+    case velanet::KEventRecvBufferFull:
         return "response head too large";
     default:
         return "unknown event";

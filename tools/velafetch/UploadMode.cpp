@@ -116,11 +116,11 @@ int UploadRun::HttpErrorOccured(int id, int status)
 int UploadRun::HttpEventNotify(int id, int event)
 {
     Verbose(QString("[%1] event %2 %3").arg(IdName(id)).arg(event).arg(EventMeaning(event)));
-    if (event == CMLHttpEngine::KEventLookupStarted)
+    if (event == velanet::KEventLookupStarted)
         m_record.sawLookup = true;
-    else if (event == CMLHttpEngine::KEventResolved)
+    else if (event == velanet::KEventResolved)
         m_record.sawResolved = true;
-    else if (event == CMLHttpEngine::KEventConnected)
+    else if (event == velanet::KEventConnected)
         ++m_record.connects;
     return 1;
 }
