@@ -66,6 +66,7 @@
 #include "BaseClass/src/CQTimer.h"
 #include "BaseClass/src/QtAssert.h"
 #include "src/DNSCache.h"
+#include "src/IAPConnectEngine.h"
 #include "src/RequestHeaderUnit.h"
 #include "src/internal/ProxyTunnel_p.h"
 

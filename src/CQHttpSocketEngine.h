@@ -26,7 +26,7 @@
 #include "BaseClass/src/CLimitedCounter.h"
 #include "BaseClass/src/CQString.h"
 #include "src/CQSendFileUnit.h"
-#include "src/IAPConnectEngine.h"
+#include "src/IAPObserver.h"
 #include "src/NetConstants.h"
 
 #include <QAbstractSocket>
@@ -41,6 +41,7 @@
 
 #include <memory>
 
+class CIAPConnectEngine;
 class CQPostFileHeaderUnit;
 class CQPostOLFileHeaderUnit;
 class CQTimer;

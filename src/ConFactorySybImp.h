@@ -15,11 +15,12 @@
 // More than ten live connections is a programming error: the eleventh
 // GetTcpCon while all ten slots are taken is a fatal assertion.
 
-#include "src/IAPConnectEngine.h"
+#include "src/IAPObserver.h"
 
 #include <QPointer>
 #include <QString>
 
+class CIAPConnectEngine;
 class CQWString;
 class ITcpCon;
 

@@ -19,17 +19,10 @@
 #include <QString>
 
 #include "BaseClass/src/CQList.h"
+#include "src/IAPObserver.h"
 
 class CQWString;
 class QTimerEvent;
-
-class MIAPConnectStateObserver
-{
-public:
-    virtual ~MIAPConnectStateObserver() = default;
-    virtual void OnIapTransferBlocked() = 0;
-    virtual void OnIapTransferOpen() = 0;
-};
 
 // The picker dialog's report of the access point the user chose.
 class SelectIAPObserver

@@ -1,27 +1,34 @@
-// CMLHttpEngine: one request from the owner's call to its one terminal
-// report. Three variables say where an engine is; this is all of them.
+// CMLHttpEngine: one request, from the owner's call to its one terminal
+// report. Three variables say where an engine is, and this is all of them.
 //
-// Request state (m_enCurHES), moved only by MoveTo:
+// Request state m_enCurHES (written only by MoveTo):
 //
-//   HES_Idle --ConnectServer--> HES_HttpRequest --event 36, a gateway attempt left--> HES_DNSRequest
-//                                 ^    |                                                |   |
-//                                 |    +--event 36, none left: net error 36--> HES_Idle <--+   | event 36 / gateway
-//                                 |    +--body ended by close or last chunk--> HES_Idle        | status not 2xx:
-//                                 +------------- gateway reply complete (request retried) -----+ net error 36
+//                ConnectServer            event 36, gateway attempt left
+//   HES_Idle -----------------> HES_HttpRequest ----------------------> HES_DNSRequest
+//      ^  ^                      |   ^                                     |   |
+//      |  |  event 36, none left |   |  gateway reply complete:            |   |
+//      |  +--(net error 36)------+   +--request retried (ConnectServer)----+   |
+//      |  +--body ended by the close or the last chunk (complete)              |
+//      +----event 36 again, or gateway status not 2xx (net error 36)-----------+
 //
-// Response phase (m_enPhase) and body mode (m_enHttpRecvDataMode), per exchange:
+// Response phase m_enPhase, with the body mode m_enHttpRecvDataMode:
 //
-//   HRP_Head --head parsed, status judged-----------------------> HRP_Body
-//     |  3xx: URL change, follow | other: HTTP error | gateway    |  switch (body mode):
-//     |  (each ends the response: Reset, back to HRP_Head)        |   HRDM_Length  Content-Length reached -> complete
-//     +-----------------------------------------------------------|   HRDM_Chunk   zero-size chunk        -> complete
-//                                                                 |   HRDM_Stream  connection closed      -> complete
-//                                                                 +--gzip stream ended--> HRP_Done (complete, no Reset)
-//   Every Reset (start, failure, completion, cancel) returns to HRP_Head and HRDM_Length.
+//   HRP_Head  collect the head, judge the status:
+//     |         3xx: URL change, then follow | other non-2xx: HTTP error
+//     |         (each ends the response with Reset)
+//     | 2xx: choose the body mode, report the head
+//     v
+//   HRP_Body  switch (body mode):  HRDM_Length  Content-Length reached  -> Reset, complete
+//     |                            HRDM_Chunk   zero-size chunk         -> Reset, complete
+//     |                            HRDM_Stream  connection closed       -> Reset, complete
+//     | gzip stream ended (complete, no Reset: kept on purpose)
+//     v
+//   HRP_Done  reads nothing until the next Reset
 //
-// Reports come last: an observer may start or cancel a request from inside
-// any report, which bumps m_nGeneration; a reader that sees the generation
-// change after a report leaves the engine alone.
+// Every Reset (start, failure, completion, cancel) returns to HRP_Head and
+// HRDM_Length and bumps m_nGeneration. Reports come last: an observer may
+// start or cancel a request from inside any report, and a reader that sees
+// the generation change after a report leaves the engine alone.
 
 #include "src/MLHttpEngine.h"
 

@@ -1,5 +1,6 @@
 #include "src/SocketsEngine.h"
 
+#include "src/IAPConnectEngine.h"
 #include "src/SocketsReader.h"
 #include "src/SocketsWriter.h"
 

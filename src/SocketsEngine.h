@@ -24,13 +24,14 @@
 // The access point engine is not owned and may go first.
 
 #include "BaseClass/src/CQTimer.h"
-#include "src/IAPConnectEngine.h"
+#include "src/IAPObserver.h"
 
 #include <QHostInfo>
 #include <QObject>
 #include <QPointer>
 #include <QString>
 
+class CIAPConnectEngine;
 class CSocketsReader;
 class CSocketsWriter;
 class QByteArray;

@@ -1,5 +1,7 @@
 #include "src/TcpConnection.h"
 
+#include "src/IAPConnectEngine.h"
+
 #include <QByteArray>
 #include <QString>
 

@@ -8,6 +8,7 @@
 #include "BaseClass/src/CQInstance.h"
 #include "BaseClass/src/CQTimer.h"
 #include "src/DNSCache.h"
+#include "src/IAPConnectEngine.h"
 #include "src/RequestHeaderUnit.h"
 
 #include "support/TestSupport.h"
