@@ -71,6 +71,12 @@ constexpr int KHeadIncomplete = 2;
 constexpr bool KInRecvBuffer = true;
 constexpr bool KGivenBytes = false;
 
+int& MaxRedirects()
+{
+    static int count = CMLHttpEngine::KDefaultMaxRedirects;
+    return count;
+}
+
 CQSString& GatewayBaseURL()
 {
     static CQSString url(CMLHttpEngine::KDefaultDNSGatewayURL);
@@ -91,6 +97,11 @@ bool IsAccepted(int status)
 {
     return status >= CMLHttpEngine::KFirstAccepted && status <= CMLHttpEngine::KLastAccepted;
 }
+
+// Interim (1xx) statuses.
+constexpr int KFirstInterim = 100;
+constexpr int KLastInterim = 199;
+constexpr int KSwitchingProtocols = 101;
 
 bool IsRedirect(int status)
 {
@@ -175,19 +186,32 @@ void CMLHttpEngine::SetRecvFile(const CQWString* recvFile)
     }
 }
 
-void CMLHttpEngine::BeginRequest(int kind)
+void CMLHttpEngine::BeginRequest(int kind, enStartedBy startedBy)
 {
     Reset(false);
     m_nRequestedKind = kind;
     m_nCurKind = kind;
     m_nGatewayAttemptsLeft = KGatewayAttemptsPerRequest;
+    switch (startedBy) {
+    case SB_Owner:
+        m_nRedirectsFollowed = 0;
+        break;
+    case SB_Redirect:
+        ++m_nRedirectsFollowed;
+        break;
+    }
 }
 
 int CMLHttpEngine::DoGet(const char* url, const CQWString* recvFile, int offset)
 {
+    return StartGet(url, recvFile, offset, SB_Owner);
+}
+
+int CMLHttpEngine::StartGet(const char* url, const CQWString* recvFile, int offset, enStartedBy startedBy)
+{
     if (!m_pSocketEngine)
         return KRefused;
-    BeginRequest(KKindGet);
+    BeginRequest(KKindGet, startedBy);
     m_RequestHeaderUnit.FreeHeaderData();
     m_RequestHeaderUnit.m_nOffset = offset;
     m_RequestHeaderUnit.m_strData.Empty();
@@ -206,7 +230,7 @@ int CMLHttpEngine::DoPost(const char* url, const CQWString* recvFile, unsigned c
 {
     if (!m_pSocketEngine)
         return KRefused;
-    BeginRequest(KKindPost);
+    BeginRequest(KKindPost, SB_Owner);
     m_RequestHeaderUnit.FreeHeaderData();
     m_RequestHeaderUnit.m_nOffset = KWholeResource;
     m_RequestHeaderUnit.m_strData.Empty();
@@ -226,7 +250,7 @@ int CMLHttpEngine::DoPostFile(const char* url, const CQWString* recvFile, unsign
 {
     if (!m_pSocketEngine)
         return KRefused;
-    BeginRequest(KKindPostFile);
+    BeginRequest(KKindPostFile, SB_Owner);
     m_PostFileHeaderUnit.Clear();
     (void)m_PostFileHeaderUnit.m_strData.SetData(data, len);
     m_PostFileHeaderUnit.m_strFilePath = filePath;
@@ -247,7 +271,7 @@ int CMLHttpEngine::DoPostOLFile(const char* host, char* key, int keyLen, const C
     if (blockSize > static_cast<unsigned int>(INT_MAX) ||
         !CQHttpSocketEngine::OLBlockFits(key ? std::max(keyLen, 0) : 0, hostLen, static_cast<int>(blockSize)))
         return KRefused;
-    BeginRequest(KKindPostOLFile);
+    BeginRequest(KKindPostOLFile, SB_Owner);
     m_OLFileHeaderUnit.Clear();
     m_OLFileHeaderUnit.m_nBlockSize = static_cast<int>(blockSize);
     m_OLFileHeaderUnit.m_strFilePath = filePath;
@@ -406,6 +430,16 @@ void CMLHttpEngine::SetDNSGatewayURL(const char* url)
 const CQSString& CMLHttpEngine::GetDNSGatewayURL()
 {
     return GatewayBaseURL();
+}
+
+void CMLHttpEngine::SetMaxRedirects(int count)
+{
+    MaxRedirects() = std::max(count, 0);
+}
+
+int CMLHttpEngine::GetMaxRedirects()
+{
+    return MaxRedirects();
 }
 
 // ------------------------------------------------------------ socket events
@@ -650,11 +684,26 @@ int CMLHttpEngine::CollectHead(unsigned char* data, int len)
         OnSocketEngine_SocketEvent(velanet::KEventRecvBufferFull, 0);
         return KStop;
     }
-    m_ResponseHead.Reset();
-    const int used = static_cast<int>(m_pRecvBuf->GetUsedSize());
-    if (m_RequestData.GetResponseHead(m_pRecvBuf->GetBuf(), used, m_ResponseHead) < 0)
-        return KHeadIncomplete;
-    return KGoOn;
+    for (;;) {
+        m_ResponseHead.Reset();
+        const int used = static_cast<int>(m_pRecvBuf->GetUsedSize());
+        if (m_RequestData.GetResponseHead(m_pRecvBuf->GetBuf(), used, m_ResponseHead) < 0)
+            return KHeadIncomplete;
+        const int headLen = m_ResponseHead.m_nHeadLen;
+        if (!IsInterim(m_ResponseHead.m_nStatusCode) || headLen < 1 || headLen > used)
+            return KGoOn;
+        // An interim response (RFC 9110, section 15.2) has no body: it is
+        // dropped whole and the next head in the buffer is parsed, or awaited.
+        m_pRecvBuf->MoveDataToHead(headLen);
+    }
+}
+
+bool CMLHttpEngine::IsInterim(int status)
+{
+    // 101 (Switching Protocols) answers an upgrade this engine never asks
+    // for; the connection no longer speaks HTTP, so it stays a final status
+    // (an HTTP error).
+    return status >= KFirstInterim && status <= KLastInterim && status != KSwitchingProtocols;
 }
 
 int CMLHttpEngine::JudgeStatus()
@@ -759,19 +808,39 @@ void CMLHttpEngine::FollowRedirect()
     CQSString location =
         velanet::ResolveLocation(requestURL.GetDataPtr(), requestURL.GetLength(), given.GetDataPtr(), given.GetLength());
     const CQWString recvFile(m_strRecvFilePath);
+    const bool recvToFile = m_bRecvToFile;
     Reset(false);
 
     const unsigned int generation = m_nGeneration;
     if (m_pObserver)
         m_pObserver->OnHttpEngine_URLChange(m_nRequestID, location);
-    // The page and prefetch owners follow redirects themselves. No limit
-    // and no loop detection: kept on purpose, owners count redirects.
+    // The page and prefetch owners follow redirects themselves.
     if (m_nRequestID == velanet::KIdCurrentPage || m_nRequestID == velanet::KIdPrefetch)
         return;
     // The observer started or cancelled a request from inside the report.
     if (RequestGone(generation))
         return;
-    (void)DoGet(location.GetDataPtr(), recvFile.IsEmpty() ? nullptr : &recvFile, KWholeResource);
+    if (m_nRedirectsFollowed >= GetMaxRedirects()) {
+        FailRedirect(velanet::KErrorTooManyRedirects, recvFile, recvToFile);
+        return;
+    }
+    int hostLen = 0;
+    const bool startable = velanet::IsRequestableURL(location.GetDataPtr(), location.GetLength()) &&
+                           CHttpData::FindHost(location, hostLen) != nullptr && hostLen > 0;
+    // StartGet refuses without any report, so a refusal belongs to this request.
+    if (!startable ||
+        StartGet(location.GetDataPtr(), recvFile.IsEmpty() ? nullptr : &recvFile, KWholeResource, SB_Redirect) ==
+            KRefused)
+        FailRedirect(velanet::KErrorRedirectNotStartable, recvFile, recvToFile);
+}
+
+void CMLHttpEngine::FailRedirect(int code, const CQWString& recvFile, bool recvToFile)
+{
+    Reset(false);
+    if (recvToFile)
+        (void)CQFile::DeleteFile(recvFile);
+    if (m_pObserver)
+        m_pObserver->OnHttpEngine_NetError(m_nRequestID, code);
 }
 
 int CMLHttpEngine::ReportResponseData(unsigned char* p, int n, int count)

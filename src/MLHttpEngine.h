@@ -159,6 +159,16 @@ public:
     void SetObserver(MHttpObserver* observer) { m_pObserver = observer; }
     MHttpObserver* GetObserver() const { return m_pObserver; }
 
+    // Most redirects one request follows; the next 3xx is reported with
+    // OnHttpEngine_URLChange and then ends the request with
+    // OnHttpEngine_NetError(id, velanet::KErrorTooManyRedirects). Each
+    // request an owner starts counts from 0 (the engine's own follows do
+    // not restart the count). For every engine of the process; a negative
+    // count is taken as 0. Default KDefaultMaxRedirects.
+    static void SetMaxRedirects(int count);
+    static int GetMaxRedirects();
+    static constexpr int KDefaultMaxRedirects = 20;
+
     // Base URL of the DNS gateway ("http://" address ":" port "/"); the
     // host name is appended to it. Null is ignored.
     static void SetDNSGatewayURL(const char* url);
@@ -197,8 +207,16 @@ private:
     void MoveTo(enHttpEngineState next);
     // Receive-file path from recvFile (null: none), as every request sets it.
     void SetRecvFile(const CQWString* recvFile);
+    // Who starts a request: the owner, or the engine following a redirect.
+    enum enStartedBy : int
+    {
+        SB_Owner,     // a Do* call: the redirect count starts from 0
+        SB_Redirect,  // FollowRedirect: one more redirect for the owner's request
+    };
     // What every request start does before storing its own fields.
-    void BeginRequest(int kind);
+    void BeginRequest(int kind, enStartedBy startedBy);
+    // DoGet's work; the redirect path starts with SB_Redirect.
+    int StartGet(const char* url, const CQWString* recvFile, int offset, enStartedBy startedBy);
     // Event handlers of OnSocketEngine_SocketEvent.
     void OnConnected();
     void OnHostNotResolvable();
@@ -214,6 +232,11 @@ private:
     [[nodiscard]] int JudgeStatus();
     // A 3xx: report the location and follow it on this engine.
     void FollowRedirect();
+    // A redirect that is not followed ends the request: the receive file
+    // (when there was one) is deleted, then net error code.
+    void FailRedirect(int code, const CQWString& recvFile, bool recvToFile);
+    // An interim (1xx) head that is skipped: every 1xx but 101.
+    [[nodiscard]] static bool IsInterim(int status);
     // Body mode from the head's framing; the phase moves to HRP_Body.
     void ChooseBodyMode();
     // OnHttpEngine_RecvHeader (caller's request only); KGoOn to read on.
@@ -268,6 +291,8 @@ private:
     int m_nFilterState = 0;
     // Gateway lookups this request may still make (one per request).
     int m_nGatewayAttemptsLeft = 0;
+    // Redirects followed since the owner started the request.
+    int m_nRedirectsFollowed = 0;
     // Bumped by every Reset: a reader that sees it change after a report
     // leaves the engine alone.
     unsigned int m_nGeneration = 0;

@@ -232,4 +232,82 @@ CQSString ResolveLocation(const char* base, int baseLen, const char* location, i
     return ToCQSString(out);
 }
 
+namespace {
+
+bool EqualsNoCase(const char* text, int len, const char* word)
+{
+    const int wordLen = static_cast<int>(std::char_traits<char>::length(word));
+    if (len != wordLen)
+        return false;
+    for (int i = 0; i < len; ++i) {
+        char c = text[i];
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+        if (c != word[i])
+            return false;
+    }
+    return true;
+}
+
+// A port text: empty, or 1..5 digits whose value is at most 65535 (compared
+// as text, so that no digit becomes a number here).
+bool IsPortText(const char* text, int len)
+{
+    if (len > 5)
+        return false;
+    for (int i = 0; i < len; ++i) {
+        if (text[i] < '0' || text[i] > '9')
+            return false;
+    }
+    return len < 5 || std::char_traits<char>::compare(text, "65535", 5) <= 0;
+}
+
+}  // namespace
+
+bool IsRequestableURL(const char* url, int len)
+{
+    if (!url || len < 1)
+        return false;
+    for (int i = 0; i < len; ++i) {
+        const unsigned char c = static_cast<unsigned char>(url[i]);
+        if (c <= ' ' || c == 0x7F)
+            return false;
+    }
+    const UriParts parts = SplitUriReference(url, len);
+    if (parts.schemeStart < 0 || parts.authorityStart < 0)
+        return false;
+    const char* scheme = url + parts.schemeStart;
+    if (!EqualsNoCase(scheme, parts.schemeLen, "http") && !EqualsNoCase(scheme, parts.schemeLen, "https"))
+        return false;
+    // authority = [ userinfo "@" ] host [ ":" port ]
+    const char* authority = url + parts.authorityStart;
+    int start = 0;
+    for (int i = parts.authorityLen - 1; i >= 0; --i) {
+        if (authority[i] == '@') {
+            start = i + 1;
+            break;
+        }
+    }
+    const char* host = authority + start;
+    const int rest = parts.authorityLen - start;
+    int hostLen = 0;
+    if (rest > 0 && host[0] == '[') {
+        while (hostLen < rest && host[hostLen] != ']')
+            ++hostLen;
+        if (hostLen == rest || hostLen < 2)
+            return false;  // no closing bracket, or nothing inside
+        ++hostLen;
+    } else {
+        while (hostLen < rest && host[hostLen] != ':')
+            ++hostLen;
+        if (hostLen == 0)
+            return false;
+    }
+    if (hostLen == rest)
+        return true;
+    if (host[hostLen] != ':')
+        return false;
+    return IsPortText(host + hostLen + 1, rest - hostLen - 1);
+}
+
 }  // namespace velanet

@@ -42,6 +42,13 @@ struct UriParts
 // The URL to report and follow for location, given the request URL base.
 [[nodiscard]] CQSString ResolveLocation(const char* base, int baseLen, const char* location, int locationLen);
 
+// Whether url[0..len) is one the HTTP engine can request: scheme "http" or
+// "https" (any case), an authority with a non-empty host (a bracketed IPv6
+// literal counts), a port that is empty or at most 65535 written in
+// digits, and no space, control byte or DEL anywhere. False for null or
+// empty text.
+[[nodiscard]] bool IsRequestableURL(const char* url, int len);
+
 }  // namespace velanet
 
 #endif

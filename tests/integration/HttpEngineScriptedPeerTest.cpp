@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <ostream>
@@ -193,6 +194,7 @@ protected:
     {
         m_engine.reset();
         CMLHttpEngine::SetDNSGatewayURL(CMLHttpEngine::KDefaultDNSGatewayURL);
+        CMLHttpEngine::SetMaxRedirects(CMLHttpEngine::KDefaultMaxRedirects);
     }
 
     void Get(const QString& url, const CQWString* recvFile = nullptr)
@@ -201,6 +203,22 @@ protected:
         ASSERT_NE(0, m_engine->DoGet(text.constData(), recvFile, -1));
     }
     bool WaitDone() { return SpinUntil([this] { return m_rec.m_bDone; }, KDeadlineMs); }
+    // Reports of one kind ("url-change", "net-error 66"...) in the trace.
+    int CountOf(const std::string& prefix) const
+    {
+        int n = 0;
+        for (const std::string& entry : m_rec.m_trace)
+            n += entry.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+        return n;
+    }
+    // Terminal reports: complete, HTTP error, net error.
+    int Terminals() const { return CountOf("complete") + CountOf("http-error") + CountOf("net-error"); }
+    // Lets late events arrive, so that a second terminal report would show.
+    void Settle()
+    {
+        for (int i = 0; i < 5; ++i)
+            velatest::ProcessPendingEvents();
+    }
 
     Recorder m_rec;
     std::unique_ptr<CMLHttpEngine> m_engine;
@@ -424,6 +442,337 @@ TEST_F(HttpEngineScriptedPeerTest, AConnectionRefusedIsNetError34)
     ASSERT_TRUE(WaitDone());
     EXPECT_THAT(m_rec.m_trace, ElementsAre("net-error 34"));
     EXPECT_TRUE(m_engine->IsIdle());
+}
+
+// ============================================================ redirect limit
+
+QByteArray Redirect(const QByteArray& location)
+{
+    return "HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\n\r\n";
+}
+
+TEST_F(HttpEngineScriptedPeerTest, ARedirectLoopEndsAfterTwentyFollowsWithOneTooManyRedirectsError)
+{
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/loop")).Close());  // every connection
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/loop"));
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_EQ(20, CMLHttpEngine::GetMaxRedirects());
+    EXPECT_EQ(21, CountOf("url-change")) << "the original request and twenty follows each got a 302";
+    EXPECT_EQ(21, peer.ConnectionCount());
+    EXPECT_EQ(1, Terminals());
+    EXPECT_EQ("net-error " + std::to_string(velanet::KErrorTooManyRedirects), m_rec.m_trace.back());
+    EXPECT_EQ("url-change " + peer.Url("/loop").toStdString(), m_rec.m_trace[m_rec.m_trace.size() - 2]);
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+struct LimitRow
+{
+    const char* name;
+    int maxRedirects;
+    int redirects;  // 302s before the 200
+    bool completes;
+};
+
+void PrintTo(const LimitRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+class RedirectLimitTest : public HttpEngineScriptedPeerTest, public ::testing::WithParamInterface<LimitRow>
+{
+};
+
+TEST_P(RedirectLimitTest, FollowsUpToTheLimitAndFailsOnePast)
+{
+    const LimitRow& row = GetParam();
+    CMLHttpEngine::SetMaxRedirects(row.maxRedirects);
+    ScriptedPeer peer;
+    for (int i = 0; i < row.redirects; ++i)
+        peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/step" + QByteArray::number(i + 1))).Close());
+    peer.AddScript(PeerScript().ExpectHead().Send("HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\ndone").Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/step0"));
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_EQ(row.redirects, CountOf("url-change"));
+    EXPECT_EQ(1, Terminals());
+    if (row.completes) {
+        EXPECT_EQ("complete", m_rec.m_trace.back());
+        EXPECT_EQ(QByteArray("done"), m_rec.m_body);
+        EXPECT_EQ(row.redirects + 1, peer.ConnectionCount());
+    } else {
+        EXPECT_EQ("net-error " + std::to_string(velanet::KErrorTooManyRedirects), m_rec.m_trace.back());
+        EXPECT_EQ(std::max(row.maxRedirects, 0) + 1, peer.ConnectionCount());
+    }
+}
+
+const LimitRow KLimitRows[] = {
+    {"limit-0-no-redirect", 0, 0, true},
+    {"limit-0-one-redirect", 0, 1, false},
+    {"limit-1-one-redirect", 1, 1, true},
+    {"limit-1-two-redirects", 1, 2, false},
+    {"negative-limit-counts-as-0", -5, 1, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Limits, RedirectLimitTest, ::testing::ValuesIn(KLimitRows),
+                         [](const ::testing::TestParamInfo<LimitRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST_F(HttpEngineScriptedPeerTest, TheRedirectCountStartsAgainWithEachRequestOfTheOwner)
+{
+    CMLHttpEngine::SetMaxRedirects(1);
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/b")).Close());
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/c")).Close());
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/d")).Close());
+    peer.AddScript(PeerScript().ExpectHead().Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok").Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/a"));
+    ASSERT_TRUE(WaitDone());
+    EXPECT_EQ("net-error " + std::to_string(velanet::KErrorTooManyRedirects), m_rec.m_trace.back());
+    ASSERT_EQ(2, peer.ConnectionCount());
+
+    m_rec = Recorder();
+    Get(peer.Url("/c"));  // one redirect (to /d), then the 200
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "url-change " + peer.Url("/d").toStdString(), "event 32",
+                                           "header 200", "data", "complete"));
+}
+
+TEST_F(HttpEngineScriptedPeerTest, ThePageIdOnlyReportsARedirectWhateverTheLimit)
+{
+    CMLHttpEngine::SetMaxRedirects(0);
+    m_engine->SetRequestID(velanet::KIdCurrentPage);
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("/next")).Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/page"));
+    ASSERT_TRUE(SpinUntil([this] { return CountOf("url-change") == 1; }, KDeadlineMs));
+    Settle();
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "url-change " + peer.Url("/next").toStdString()));
+    EXPECT_EQ(1, peer.ConnectionCount());
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+// ============================================================ redirects that cannot start
+
+struct UnstartableRow
+{
+    const char* name;
+    QByteArray head;      // the whole 3xx head
+    const char* reported;  // the location reported; "%" stands for the peer's "http://127.0.0.1:port"
+};
+
+void PrintTo(const UnstartableRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+class UnstartableRedirectTest : public HttpEngineScriptedPeerTest,
+                                public ::testing::WithParamInterface<UnstartableRow>
+{
+};
+
+TEST_P(UnstartableRedirectTest, EndsWithOneNotStartableErrorAfterTheUrlChange)
+{
+    const UnstartableRow& row = GetParam();
+    const QString path = m_dir.File("target.bin");
+    const CQWString file(path);
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(row.head).Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/r/start"), &file);
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    std::string reported = row.reported;
+    const size_t mark = reported.find('%');
+    if (mark != std::string::npos)
+        reported.replace(mark, 1, peer.Url("").toStdString());
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "url-change " + reported,
+                                           "net-error " + std::to_string(velanet::KErrorRedirectNotStartable)));
+    EXPECT_EQ(1, peer.ConnectionCount());
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_FALSE(QFile::exists(path)) << "a failed request leaves no receive file";
+}
+
+const UnstartableRow KUnstartableRows[] = {
+    {"file-scheme", Redirect("file:///etc/passwd"), "file:///etc/passwd"},
+    {"ftp-scheme", Redirect("ftp://127.0.0.1/x"), "ftp://127.0.0.1/x"},
+    {"mailto-scheme", Redirect("mailto:someone@example.org"), "mailto:someone@example.org"},
+    {"empty-location", "HTTP/1.1 302 Found\r\nLocation: \r\nContent-Length: 0\r\n\r\n", ""},
+    {"not-modified-without-location", "HTTP/1.1 304 Not Modified\r\n\r\n", ""},
+    {"empty-host", Redirect("http:///x"), "http:///x"},
+    {"unterminated-ipv6-host", Redirect("http://[::1/x"), "http://[::1/x"},
+    {"port-past-65535", Redirect("http://127.0.0.1:70000/x"), "http://127.0.0.1:70000/x"},
+    {"garbage-with-control-bytes", Redirect("a\x01\x02<>"), "%/r/a\x01\x02<>"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Targets, UnstartableRedirectTest, ::testing::ValuesIn(KUnstartableRows),
+                         [](const ::testing::TestParamInfo<UnstartableRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST_F(HttpEngineScriptedPeerTest, AnOwnerThatStartsARequestInsideTheUrlChangeGetsNoRedirectError)
+{
+    class Restarter : public Recorder
+    {
+    public:
+        int OnHttpEngine_URLChange(int id, CQSString& location) override
+        {
+            Recorder::OnHttpEngine_URLChange(id, location);
+            if (m_engine && !m_restarted) {
+                m_restarted = true;
+                (void)m_engine->DoGet(m_next.constData(), nullptr, -1);
+            }
+            return 0;
+        }
+        CMLHttpEngine* m_engine = nullptr;
+        QByteArray m_next;
+        bool m_restarted = false;
+    };
+    Restarter rec;
+    CMLHttpEngine::SetMaxRedirects(0);
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(Redirect("file:///etc/passwd")).Close());
+    peer.AddScript(PeerScript().ExpectHead().Send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok").Close());
+    ASSERT_TRUE(peer.Listen());
+    rec.m_engine = m_engine.get();
+    rec.m_next = peer.Url("/own").toLatin1();
+    m_engine->SetObserver(&rec);
+    Get(peer.Url("/first"));
+    ASSERT_TRUE(SpinUntil([&rec] { return rec.m_bDone; }, KDeadlineMs));
+    Settle();
+    EXPECT_THAT(rec.m_trace,
+                ElementsAre("event 32", "url-change file:///etc/passwd", "event 32", "header 200", "data", "complete"));
+    ASSERT_TRUE(peer.WaitForScriptDone(1));
+    EXPECT_EQ(ExpectedGet(peer.Url("/own"), KId), peer.Captured(1).value(0));
+}
+
+// ============================================================ interim responses
+
+struct InterimRow
+{
+    const char* name;
+    QByteArray reply;  // interim heads, then the final response
+    QByteArray body;   // the body the owner gets
+    bool split;        // the reply one byte per read (else in one write)
+    bool closes;       // the close ends the body; otherwise the peer keeps the connection open
+};
+
+void PrintTo(const InterimRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+class InterimResponseTest : public HttpEngineScriptedPeerTest, public ::testing::WithParamInterface<InterimRow>
+{
+};
+
+TEST_P(InterimResponseTest, AreSkippedAndTheFinalResponseIsHandledAsAlone)
+{
+    const InterimRow& row = GetParam();
+    ScriptedPeer peer;
+    PeerScript script;
+    script.ExpectHead();
+    if (row.split)
+        script.SendSlowly(row.reply, 1);
+    else
+        script.Send(row.reply);
+    peer.AddScript(row.closes ? script.Close() : script.StaySilent());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/interim"));
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "header 200", "data", "complete"));
+    EXPECT_EQ(row.body, m_rec.m_body);
+}
+
+const QByteArray KContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+const QByteArray KEarlyHints = "HTTP/1.1 103 Early Hints\r\nLink: </style.css>; rel=preload; as=style\r\n"
+                               "Link: </script.js>; rel=preload; as=script\r\n\r\n";
+const QByteArray KLengthFinal = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
+const QByteArray KChunkedFinal =
+    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n";
+const QByteArray KUntilCloseFinal = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nuntil the end";
+
+QByteArray GzipFinal()
+{
+    const QByteArray gz = Gzip("a gzip body after an interim response");
+    return "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: " + QByteArray::number(gz.size()) + "\r\n\r\n" +
+           gz;
+}
+
+const InterimRow KInterimRows[] = {
+    {"continue-once", KContinue + KLengthFinal, "hello", false, false},
+    {"continue-twice", KContinue + KContinue + KLengthFinal, "hello", false, false},
+    {"early-hints-with-fields", KEarlyHints + KLengthFinal, "hello", false, false},
+    {"processing-then-early-hints", "HTTP/1.1 102 Processing\r\n\r\n" + KEarlyHints + KLengthFinal, "hello", false,
+     false},
+    {"continue-then-chunked", KContinue + KChunkedFinal, "hello world", false, false},
+    {"continue-then-gzip", KContinue + GzipFinal(), "a gzip body after an interim response", false, false},
+    {"continue-then-until-close", KContinue + KUntilCloseFinal, "until the end", false, true},
+    {"continue-twice-byte-per-read", KContinue + KContinue + KLengthFinal, "hello", true, false},
+    {"early-hints-byte-per-read", KEarlyHints + KChunkedFinal, "hello world", true, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Replies, InterimResponseTest, ::testing::ValuesIn(KInterimRows),
+                         [](const ::testing::TestParamInfo<InterimRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST_F(HttpEngineScriptedPeerTest, AnInterimResponseSplitAnywhereGivesTheSameResult)
+{
+    const QByteArray reply = KContinue + KEarlyHints + KLengthFinal;
+    ScriptedPeer peer;
+    for (int cut = 1; cut < reply.size(); ++cut)
+        peer.AddScript(PeerScript().ExpectHead().SendSplit(reply, {cut}).Close());
+    ASSERT_TRUE(peer.Listen());
+    for (int cut = 1; cut < reply.size(); ++cut) {
+        m_rec = Recorder();
+        Get(peer.Url("/split"));
+        ASSERT_TRUE(WaitDone()) << "split at " << cut;
+        ASSERT_THAT(m_rec.m_trace, ElementsAre("event 32", "header 200", "data", "complete")) << "split at " << cut;
+        ASSERT_EQ(QByteArray("hello"), m_rec.m_body) << "split at " << cut;
+    }
+    EXPECT_EQ(reply.size() - 1, peer.ConnectionCount());
+}
+
+TEST_F(HttpEngineScriptedPeerTest, AnInterimResponseAndThenTheCloseIsNetError34)
+{
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript().ExpectHead().Send(KContinue).Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/nothing-after"));
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "net-error 34"));
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(HttpEngineScriptedPeerTest, SwitchingProtocolsIsAFinalStatusAndAnHttpError)
+{
+    ScriptedPeer peer;
+    peer.AddScript(PeerScript()
+                       .ExpectHead()
+                       .Send("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n\r\n" +
+                             KLengthFinal)
+                       .Close());
+    ASSERT_TRUE(peer.Listen());
+    Get(peer.Url("/upgrade"));
+    ASSERT_TRUE(WaitDone());
+    Settle();
+    EXPECT_THAT(m_rec.m_trace, ElementsAre("event 32", "http-error 101"));
 }
 
 // ============================================================ DNS gateway

@@ -1125,7 +1125,8 @@ TEST_F(EngineTest, AnObserverThatCancelsInsideTheHeadReportGetsNothingMore)
 
 // ---- status decisions
 
-enum class StatusAction { Body, Redirect, HttpError };
+// Interim: the head is skipped whole and the final head is awaited.
+enum class StatusAction { Body, Redirect, HttpError, Interim };
 
 struct StatusRow
 {
@@ -1163,18 +1164,32 @@ TEST_P(EngineStatusTest, DecidesByTheStatusRange)
         case StatusAction::HttpError:
             EXPECT_CALL(m_obs, OnHttpEngine_HttpError(KIdCurrentPage, row.status));
             break;
+        case StatusAction::Interim:
+            break;
         }
     }
     Get("/s");
     Connect();
     const std::string status = std::to_string(row.status);
-    EXPECT_EQ(0, Feed(Head("HTTP/1.1 " + status + " X", "Content-Length: 2\r\nLocation: http://other.test/x\r\n") +
-                      "ok"));
+    const int result =
+        Feed(Head("HTTP/1.1 " + status + " X", "Content-Length: 2\r\nLocation: http://other.test/x\r\n") + "ok");
+    if (row.action == StatusAction::Interim) {
+        // "ok" is the start of the next head, which never completes.
+        EXPECT_EQ(1, result);
+        EXPECT_FALSE(m_engine->IsIdle());
+        EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+        return;
+    }
+    EXPECT_EQ(0, result);
     EXPECT_TRUE(m_engine->IsIdle());
 }
 
 const StatusRow KStatusRows[] = {
-    {"below-accepted-199", 199, StatusAction::HttpError, ""},
+    {"below-interim-99", 99, StatusAction::HttpError, ""},
+    {"interim-100", 100, StatusAction::Interim, ""},
+    {"switching-protocols-101-is-final", 101, StatusAction::HttpError, ""},
+    {"interim-102", 102, StatusAction::Interim, ""},
+    {"interim-199", 199, StatusAction::Interim, ""},
     {"accepted-200", 200, StatusAction::Body, ""},
     {"accepted-206", 206, StatusAction::Body, ""},
     {"past-accepted-207", 207, StatusAction::HttpError, ""},
@@ -1256,20 +1271,18 @@ TEST_F(EngineTest, A302ForAStyleSheetIsFollowed)
     EXPECT_FALSE(m_engine->IsIdle());
 }
 
-TEST_F(EngineTest, A304ReportsAnEmptyLocationAndStartsAGetOfAnEmptyURL)
+TEST_F(EngineTest, A304ReportsAnEmptyLocationThenEndsWithTheRedirectNotStartableError)
 {
     {
         InSequence seq;
         EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
         EXPECT_CALL(m_obs, OnHttpEngine_URLChange(KId, TextIs("")));
-        // The empty host name goes to the lookup.
-        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KLookupStarted));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, velanet::KErrorRedirectNotStartable));
     }
     Get("/cached");
     Connect();
     EXPECT_EQ(0, Feed(Head("HTTP/1.1 304 Not Modified", "Content-Length: 0\r\n")));
-    EXPECT_TRUE(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL().IsEmpty());
-    EXPECT_EQ(17, m_engine->GetCurMethod());
+    EXPECT_TRUE(m_engine->IsIdle()) << "no lookup of an empty host";
 }
 
 struct RedirectRow
@@ -1710,6 +1723,56 @@ TEST_F(EngineTest, EveryTwoWaySplitOfAChunkedResponseGivesTheSameBodyAndOneCompl
         ASSERT_TRUE(m_engine->IsIdle()) << "split at " << cut;
         // Pieces of one read carry one count; counts never go down.
         ASSERT_TRUE(std::is_sorted(counts.begin(), counts.end())) << "split at " << cut;
+    }
+}
+
+TEST_F(EngineTest, InterimResponsesAreSkippedWholeAtEverySplitAndBytePerByte)
+{
+    NiceMock<MockObserver> obs;
+    std::vector<int> heads;
+    std::string received;
+    int completions = 0;
+    int others = 0;
+    ON_CALL(obs, OnHttpEngine_RecvHeader(_, _)).WillByDefault(Invoke([&](int, CHttpResponseHead& head) {
+        heads.push_back(head.m_nStatusCode);
+        return 1;
+    }));
+    ON_CALL(obs, OnHttpEngine_ResponseData(_, _, _, _)).WillByDefault(Invoke([&](int, unsigned char* d, int n, int) {
+        received += BytesOf(d, n);
+        return 1;
+    }));
+    ON_CALL(obs, OnHttpEngine_Complete(_, _)).WillByDefault(Invoke([&](int, CQWString&) {
+        ++completions;
+        return 0;
+    }));
+    ON_CALL(obs, OnHttpEngine_NetError(_, _)).WillByDefault(Invoke([&](int, int) { return ++others, 0; }));
+    ON_CALL(obs, OnHttpEngine_HttpError(_, _)).WillByDefault(Invoke([&](int, int) { return ++others, 0; }));
+    m_engine->SetObserver(&obs);
+
+    const std::string reply = "HTTP/1.1 100 Continue\r\n\r\n"
+                              "HTTP/1.1 103 Early Hints\r\nLink: </s.css>; rel=preload\r\n\r\n"
+                              "HTTP/1.1 102 Processing\r\n\r\n" +
+                              Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") +
+                              "4\r\nbody\r\n3\r\n!!!\r\n0\r\n\r\n";
+    // Sizes of the reads before the last: whole, every two-way split, one byte per read.
+    std::vector<std::vector<size_t>> plans;
+    plans.push_back({});
+    for (size_t cut = 1; cut < reply.size(); ++cut)
+        plans.push_back({cut});
+    plans.push_back(std::vector<size_t>(reply.size() - 1, 1));  // one byte per read
+
+    for (const std::vector<size_t>& cuts : plans) {
+        const std::string where = cuts.size() == 1 ? std::to_string(cuts[0]) : std::to_string(cuts.size()) + " cuts";
+        heads.clear();
+        received.clear();
+        completions = 0;
+        ASSERT_NE(0, m_engine->DoGet(Url("/i").c_str(), nullptr, -1));
+        (void)FeedReads(reply, cuts);
+        ASSERT_EQ(std::vector<int>{200}, heads) << "split at " << where;
+        ASSERT_EQ("body!!!", received) << "split at " << where;
+        ASSERT_EQ(1, completions) << "split at " << where;
+        ASSERT_EQ(0, others) << "split at " << where;
+        ASSERT_TRUE(m_engine->IsIdle()) << "split at " << where;
     }
 }
 
@@ -2319,6 +2382,74 @@ TEST(ResolveLocationBaseTest, AReferenceAgainstAnAuthorityWithoutPathGetsALeadin
     const char base[] = "http://h:8080";
     const char ref[] = "x.html";
     EXPECT_EQ("http://h:8080/x.html", ToStd(velanet::ResolveLocation(base, 13, ref, 6)));
+}
+
+// ---- which redirect targets the engine can request
+
+struct RequestableRow
+{
+    const char* name;
+    const char* url;
+    bool requestable;
+};
+
+void PrintTo(const RequestableRow& row, std::ostream* os)
+{
+    *os << row.name << " \"" << velatest::Visible(QByteArray(row.url)) << '"';
+}
+
+class RequestableUrlTest : public ::testing::TestWithParam<RequestableRow>
+{
+};
+
+TEST_P(RequestableUrlTest, TakesHttpAndHttpsWithAHostOnly)
+{
+    const RequestableRow& row = GetParam();
+    const std::string url = row.url;
+    // Exactly sized, so that a read past the length is caught by ASan.
+    std::unique_ptr<char[]> text(new char[url.size() + 1]);
+    std::copy(url.begin(), url.end(), text.get());
+    EXPECT_EQ(row.requestable, velanet::IsRequestableURL(text.get(), static_cast<int>(url.size())));
+}
+
+const RequestableRow KRequestableRows[] = {
+    {"http-host", "http://h/", true},
+    {"https-host-no-path", "https://h", true},
+    {"scheme-in-capitals", "HTTP://h/x", true},
+    {"userinfo-and-port", "http://u:p@h:8080/x", true},
+    {"ipv6-literal-with-port", "http://[::1]:8080/x", true},
+    {"port-65535", "http://h:65535/", true},
+    {"port-65536", "http://h:65536/", false},
+    {"port-of-six-digits", "http://h:000080/", false},
+    {"port-empty", "http://h:/", true},
+    {"port-not-digits", "http://h:8o/", false},
+    {"file-scheme", "file:///etc/passwd", false},
+    {"ftp-scheme", "ftp://h/x", false},
+    {"mailto-scheme", "mailto:a@h", false},
+    {"https-without-slashes", "https:h/x", false},
+    {"empty", "", false},
+    {"no-scheme", "/x", false},
+    {"empty-host", "http:///x", false},
+    {"port-without-host", "http://:80/x", false},
+    {"userinfo-without-host", "http://u@/x", false},
+    {"ipv6-unterminated", "http://[::1/x", false},
+    {"ipv6-empty", "http://[]/x", false},
+    {"space-in-path", "http://h/a b", false},
+    {"control-byte", "http://h/\x01", false},
+    {"del-byte", "http://h/\x7f", false},
+    {"byte-past-ascii", "http://h/\xc3\xa9", true},
+};
+
+INSTANTIATE_TEST_SUITE_P(Targets, RequestableUrlTest, ::testing::ValuesIn(KRequestableRows),
+                         [](const ::testing::TestParamInfo<RequestableRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST(RequestableUrlNullTest, NullTextIsNotRequestable)
+{
+    EXPECT_FALSE(velanet::IsRequestableURL(nullptr, 8));
 }
 
 TEST(RemoveDotSegmentsTest, FollowsTheRfcExamples)

@@ -103,6 +103,10 @@ QString NetErrorText(const Transfer& t)
         return "host not found";
     case velanet::KEventRecvBufferFull:
         return "response head too large";
+    case velanet::KErrorTooManyRedirects:
+        return QString("too many redirects (%1)").arg(CMLHttpEngine::GetMaxRedirects());
+    case velanet::KErrorRedirectNotStartable:
+        return "redirect to a URL that cannot be fetched";
     case velanet::KEventSocketError:
         if (t.headReceived)
             return "body ended early";
@@ -148,6 +152,10 @@ QString EventMeaning(int event)
         return "network error";
     case velanet::KEventRecvBufferFull:
         return "response head too large";
+    case velanet::KErrorTooManyRedirects:
+        return "too many redirects";
+    case velanet::KErrorRedirectNotStartable:
+        return "redirect cannot be followed";
     default:
         return "unknown event";
     }
