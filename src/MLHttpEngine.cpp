@@ -36,6 +36,7 @@
 #include "src/DNSCache.h"
 #include "src/internal/DnsGatewayReply_p.h"
 #include "src/internal/LocationResolve_p.h"
+#include "src/internal/ProxyTunnel_p.h"
 
 #include <algorithm>
 #include <climits>
@@ -314,11 +315,7 @@ int CMLHttpEngine::ConnectServer(const char* /*url*/)
         m_pSocketEngine->SetSecure(false);
         return m_pSocketEngine->ConnectL();
     }
-    int hostLen = 0;
-    char* host = target->FindHost(hostLen);
-    m_pSocketEngine->SetServerName(reinterpret_cast<unsigned char*>(host), hostLen);
-    m_pSocketEngine->SetPort(target->FindPort());
-    m_pSocketEngine->SetSecure(target->IsSecureConnection());
+    SetServerFor(*target, target == &m_RequestData && m_nCurKind != KKindPostOLFile);
     return m_pSocketEngine->ConnectL();
 }
 
@@ -513,7 +510,9 @@ void CMLHttpEngine::OnHostNotResolvable()
     case HES_Idle:
         return;
     case HES_HttpRequest:
-        if (m_nGatewayAttemptsLeft > 0) {
+        // The gateway knows origin names; a proxy's name that does not
+        // resolve ends the request.
+        if (m_nGatewayAttemptsLeft > 0 && !m_ProxyRoute.viaProxy) {
             MoveTo(HES_DNSRequest);
             StartGetDNSThroughProxy();
             return;
@@ -545,10 +544,12 @@ void CMLHttpEngine::SendMsg_Get()
         // The request id goes in as the encoding mode: only the current page
         // id asks for gzip.
         if (m_RequestHeaderUnit.m_nOffset >= 0)
-            bytes = m_RequestData.PartialGetMethodData(len, m_nRequestID, false, m_RequestHeaderUnit.m_nOffset);
+            bytes = m_RequestData.PartialGetMethodData(len, m_nRequestID, AbsoluteTarget(),
+                                                       m_RequestHeaderUnit.m_nOffset);
         else
-            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID, KOriginTarget, KNoMultipart, 0, nullptr,
-                                                false, 0);
+            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID, AbsoluteTarget() ? 1 : KOriginTarget,
+                                                KNoMultipart, 0, nullptr, false, 0);
+        bytes = WithProxyCredentials(bytes, len);
         break;
     case HES_DNSRequest:
         bytes = m_DNSRequestData.GetMethodData(KKindGet, len, KGatewayEncodingMode, KOriginTarget, KNoMultipart, 0,
@@ -572,8 +573,9 @@ void CMLHttpEngine::SendMsg_Post()
     CQSString& body = m_RequestHeaderUnit.m_strData;
     int len = 0;
     unsigned char* bytes = m_RequestData.GetMethodData(
-        KKindPost, len, m_nRequestID, KOriginTarget, m_nMultipart, body.GetLength(),
+        KKindPost, len, m_nRequestID, AbsoluteTarget() ? 1 : KOriginTarget, m_nMultipart, body.GetLength(),
         reinterpret_cast<unsigned char*>(const_cast<char*>(body.GetDataPtr())), false, 0);
+    bytes = WithProxyCredentials(bytes, len);
     if (!bytes || len < 1) {
         delete[] bytes;
         QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
@@ -608,7 +610,10 @@ void CMLHttpEngine::SendMsg_PostFile()
     if (fileLen < 0)
         return;
     unit.m_nFileSize = fileLen;
-    if (m_RequestData.GetPostFileMethodData(false, unit) && m_pSocketEngine->DoSendFile(unit, false) > 0)
+    const bool built = m_RequestData.GetPostFileMethodData(AbsoluteTarget(), unit);
+    if (built)
+        unit.m_pHeaderData = WithProxyCredentials(unit.m_pHeaderData, unit.m_nHeaderLen);
+    if (built && unit.m_pHeaderData && m_pSocketEngine->DoSendFile(unit, false) > 0)
         (void)OpenFile2Recv();
     else
         QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
@@ -1142,4 +1147,47 @@ void CMLHttpEngine::ParseDNSPDUAndStore(unsigned char* data, int len)
         (void)name.AppendData(reinterpret_cast<const unsigned char*>(hostBytes.GetDataPtr()), hostBytes.GetLength());
         cache->Update(name, ip);
     }
+}
+
+// ------------------------------------------------------------ proxy
+
+void CMLHttpEngine::SetServerFor(CHttpData& target, bool mayUseProxy)
+{
+    int hostLen = 0;
+    char* host = target.FindHost(hostLen);
+    const int port = target.FindPort();
+    const bool secure = target.IsSecureConnection();
+    m_ProxyRoute = mayUseProxy ? CProxyConfig::RouteFor(secure, host, hostLen, port) : CProxyConfig::Route();
+    m_bProxyTunnel = m_ProxyRoute.viaProxy && secure;
+    if (m_ProxyRoute.viaProxy && !secure) {
+        // The proxy is the server; the request line names the origin.
+        m_pSocketEngine->SetServerName(reinterpret_cast<unsigned char*>(m_ProxyRoute.host.data()),
+                                       m_ProxyRoute.host.size());
+        m_pSocketEngine->SetPort(m_ProxyRoute.port);
+        m_pSocketEngine->SetSecure(false);
+        return;
+    }
+    m_pSocketEngine->SetServerName(reinterpret_cast<unsigned char*>(host), hostLen);
+    m_pSocketEngine->SetPort(port);
+    m_pSocketEngine->SetSecure(secure);
+    if (m_bProxyTunnel)
+        m_pSocketEngine->SetTunnel(m_ProxyRoute.host, m_ProxyRoute.port, m_ProxyRoute.authorization);
+}
+
+unsigned char* CMLHttpEngine::WithProxyCredentials(unsigned char* bytes, int& len) const
+{
+    if (!bytes || len < 1 || !AbsoluteTarget() || m_ProxyRoute.authorization.isEmpty())
+        return bytes;
+    int withLen = 0;
+    unsigned char* with = velanet::InsertProxyAuthorization(bytes, len, m_ProxyRoute.authorization, withLen);
+    delete[] bytes;
+    len = with ? withLen : 0;
+    return with;
+}
+
+void CMLHttpEngine::OnSocketEngine_TunnelRefused(int status)
+{
+    Reset(true);
+    if (m_pObserver)
+        m_pObserver->OnHttpEngine_HttpError(m_nRequestID, status);
 }

@@ -28,6 +28,7 @@
 #include "src/HttpData.h"
 #include "src/HttpObserver.h"
 #include "src/NetConstants.h"
+#include "src/ProxyConfig.h"
 #include "src/RequestHeaderUnit.h"
 
 #include <memory>
@@ -111,6 +112,9 @@ public:
     int OnSocketEngine_SendData(unsigned char* data, int len) override;
     int OnSocketEngine_ReceivDataEnd() override;
     unsigned char* OnSocketEngine_GetMoreSendData(int offset, int& len) override;
+    // The proxy refused the tunnel of an https request: an HTTP error with
+    // the proxy's status (407 when it wants credentials).
+    void OnSocketEngine_TunnelRefused(int status) override;
 
     // ---- requests: nonzero when the connection attempt was started
     // recvFile: write the body there as well (null: memory only); offset:
@@ -260,6 +264,18 @@ private:
     // A report changed the request under way (new exchange, cancel).
     [[nodiscard]] bool RequestGone(unsigned int generation) const { return generation != m_nGeneration; }
 
+    // Proxy (see CProxyConfig). Points the socket engine at target: its own
+    // host, the proxy with the whole URL as request target (http), or the
+    // origin through the proxy's tunnel (https). Only the caller's own
+    // requests may use a proxy, never the gateway or a resumable upload.
+    void SetServerFor(CHttpData& target, bool mayUseProxy);
+    // Whether the request line carries the whole URL (a proxy's http request).
+    bool AbsoluteTarget() const { return m_ProxyRoute.viaProxy && !m_bProxyTunnel; }
+    // Built request bytes as a proxy gets them: with the credentials line
+    // when the request goes to the proxy itself. Takes bytes (new[]) and
+    // returns what replaces it; len follows.
+    unsigned char* WithProxyCredentials(unsigned char* bytes, int& len) const;
+
     CQHttpSocketEngine* m_pSocketEngine = nullptr;  // owned
     MHttpObserver* m_pObserver = nullptr;           // not owned through this field
     VelaHttpEngineAdapter* m_pAdapter = nullptr;    // owned
@@ -293,6 +309,9 @@ private:
     int m_nGatewayAttemptsLeft = 0;
     // Redirects followed since the owner started the request.
     int m_nRedirectsFollowed = 0;
+    // The route of the current exchange (no proxy unless one is set).
+    CProxyConfig::Route m_ProxyRoute;
+    bool m_bProxyTunnel = false;
     // Bumped by every Reset: a reader that sees it change after a report
     // leaves the engine alone.
     unsigned int m_nGeneration = 0;

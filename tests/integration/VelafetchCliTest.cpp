@@ -16,6 +16,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
+#include <QPair>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QStringList>
@@ -53,8 +54,12 @@ std::ostream& operator<<(std::ostream& os, const RunResult& r)
 }
 
 // Runs program with args to completion (or the deadline), feeding input.
+// Variables set for the program (NAME, value) on top of the test's own.
+using EnvironmentList = QList<QPair<QString, QString>>;
+
 RunResult RunProgram(const QString& program, const QStringList& args, const QString& workDir = QString(),
-                     const QByteArray& input = QByteArray(), int deadlineMs = KRunDeadlineMs)
+                     const QByteArray& input = QByteArray(), int deadlineMs = KRunDeadlineMs,
+                     const EnvironmentList& variables = EnvironmentList())
 {
     QProcess process;
     if (!workDir.isEmpty())
@@ -64,6 +69,8 @@ RunResult RunProgram(const QString& program, const QStringList& args, const QStr
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "no_proxy", "NO_PROXY"})
         environment.remove(name);
+    for (const auto& variable : variables)
+        environment.insert(variable.first, variable.second);
     process.setProcessEnvironment(environment);
     process.start(program, args);
     RunResult result;
@@ -86,6 +93,11 @@ RunResult RunProgram(const QString& program, const QStringList& args, const QStr
 RunResult Velafetch(const QStringList& args, const QString& workDir = QString(), const QByteArray& input = QByteArray())
 {
     return RunProgram(VELAFETCH_BINARY, args, workDir, input);
+}
+
+RunResult VelafetchWith(const EnvironmentList& variables, const QStringList& args)
+{
+    return RunProgram(VELAFETCH_BINARY, args, QString(), QByteArray(), KRunDeadlineMs, variables);
 }
 
 QByteArray RandomBytes(int n, quint32 seed)
@@ -403,7 +415,8 @@ TEST(VelafetchCliTest, HelpListsEveryOption)
     EXPECT_EQ(r.exitCode, 0) << r;
     for (const char* option : {"-o,", "-O,", "-C,", "-d,", "-F,", "--fields", "--engines", "--id", "--cookies",
                                "--dns-cache", "--gateway", "--cacert", "-v,", "--tcp", "--upload-resumable",
-                               "--block-size", "--pick-ap", "--iap-file", "--demo", "--help"})
+                               "--block-size", "--pick-ap", "--iap-file", "--demo", "--help", "-x,", "--proxy",
+                               "--noproxy", "http_proxy", "https_proxy", "no_proxy"})
         EXPECT_TRUE(r.out.contains(option)) << option;
 }
 
@@ -563,6 +576,168 @@ TEST(VelafetchCliTest, ResumableUploadStopsWhenTheReplyHasNoRange)
     EXPECT_EQ(r.exitCode, 1) << r;
     EXPECT_TRUE(r.err.contains("no Range line")) << r;
     EXPECT_EQ(peer.Stored().size(), 1000);
+}
+
+// ------------------------------------------------------------ proxies and IPv6
+
+class VelafetchProxyTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_certificates = std::make_unique<velatest::TestCertificates>();
+        if (!s_certificates->Generate()) {
+            s_error = s_certificates->Error();
+            return;
+        }
+        NginxOptions options;
+        options.tls = s_certificates.get();
+        options.ipv6 = velatest::HasIPv6Loopback();
+        s_nginx = std::make_unique<NginxServer>(options);
+        s_body = RandomBytes(200003, 23);
+        if (!s_nginx->AddFile("files/p.bin", s_body) || !s_nginx->Start()) {
+            s_error = s_nginx->Error();
+            return;
+        }
+        velatest::TinyproxyOptions proxyOptions;
+        proxyOptions.connectPorts = {s_nginx->TlsPort()};
+        s_proxy = std::make_unique<velatest::TinyproxyServer>(proxyOptions);
+        if (!s_proxy->Start())
+            s_error = s_proxy->Error();
+    }
+    static void TearDownTestSuite()
+    {
+        s_proxy.reset();
+        s_nginx.reset();
+        s_certificates.reset();
+    }
+    void SetUp() override { ASSERT_TRUE(s_error.isEmpty()) << s_error.toStdString(); }
+
+    static QString DeadProxy() { return QString("http://127.0.0.1:%1").arg(velatest::FreePort()); }
+    QStringList Fetch(const QStringList& urls) const
+    {
+        QStringList args{"--cacert", s_certificates->CaCertificatePath(), "--dns-cache", m_dir.Path()};
+        for (int i = 0; i < urls.size(); ++i)
+            args << "-o" << m_dir.File(QString("out%1").arg(i));
+        return args + urls;
+    }
+    QByteArray Out(int i) const { return ReadFile(m_dir.File(QString("out%1").arg(i))); }
+
+    static std::unique_ptr<velatest::TestCertificates> s_certificates;
+    static std::unique_ptr<NginxServer> s_nginx;
+    static std::unique_ptr<velatest::TinyproxyServer> s_proxy;
+    static QByteArray s_body;
+    static QString s_error;
+    TempDir m_dir;
+};
+
+std::unique_ptr<velatest::TestCertificates> VelafetchProxyTest::s_certificates;
+std::unique_ptr<NginxServer> VelafetchProxyTest::s_nginx;
+std::unique_ptr<velatest::TinyproxyServer> VelafetchProxyTest::s_proxy;
+QByteArray VelafetchProxyTest::s_body;
+QString VelafetchProxyTest::s_error;
+
+TEST_F(VelafetchProxyTest, DashXSendsPlainAndHttpsThroughTheProxy)
+{
+    const QString plain = s_nginx->Url("/files/p.bin?via=x");
+    const QString secure = s_nginx->TlsUrl("/files/p.bin?via=x");
+    const RunResult r = Velafetch(QStringList{"-x", s_proxy->Url()} + Fetch({plain, secure}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(Out(0)), Sha256(s_body));
+    EXPECT_EQ(Sha256(Out(1)), Sha256(s_body));
+    const QByteArray log = s_proxy->Log();
+    EXPECT_TRUE(log.contains("GET " + plain.toUtf8() + " HTTP/1.1")) << log.toStdString();
+    EXPECT_TRUE(log.contains("CONNECT localhost:" + QByteArray::number(s_nginx->TlsPort()))) << log.toStdString();
+}
+
+TEST_F(VelafetchProxyTest, EnvironmentVariablesAsCurlReadsThem)
+{
+    const QString plain = s_nginx->Url("/files/p.bin?via=env");
+    const QString secure = s_nginx->TlsUrl("/files/p.bin?via=env");
+    const RunResult r = VelafetchWith({{"http_proxy", s_proxy->Url()}, {"HTTPS_PROXY", s_proxy->Url()}},
+                                      Fetch({plain, secure}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(Out(1)), Sha256(s_body));
+    const QByteArray log = s_proxy->Log();
+    EXPECT_TRUE(log.contains("GET " + plain.toUtf8() + " HTTP/1.1")) << log.toStdString();
+}
+
+TEST_F(VelafetchProxyTest, UpperCaseHttpProxyIsIgnored)
+{
+    // A proxy that is not there: the fetch succeeds only directly.
+    const RunResult r = VelafetchWith({{"HTTP_PROXY", DeadProxy()}}, Fetch({s_nginx->Url("/files/p.bin")}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(Out(0)), Sha256(s_body));
+}
+
+TEST_F(VelafetchProxyTest, NoProxyFromTheEnvironmentAndTheCommandLine)
+{
+    const QString dead = DeadProxy();
+    RunResult r = VelafetchWith({{"http_proxy", dead}, {"NO_PROXY", "example.test,127.0.0.1"}},
+                                Fetch({s_nginx->Url("/files/p.bin")}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    r = Velafetch(QStringList{"-x", dead, "--noproxy", "*"} + Fetch({s_nginx->TlsUrl("/files/p.bin")}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(Out(0)), Sha256(s_body));
+    // --noproxy "" overrides the environment's list: the dead proxy is used.
+    r = VelafetchWith({{"http_proxy", dead}, {"no_proxy", "127.0.0.1"}},
+                      QStringList{"--noproxy", ""} + Fetch({s_nginx->Url("/files/p.bin")}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 1) << r;
+    EXPECT_TRUE(r.err.contains("[net error 34]")) << r;
+}
+
+TEST_F(VelafetchProxyTest, EmptyDashXOverridesTheEnvironment)
+{
+    const RunResult r = VelafetchWith({{"http_proxy", DeadProxy()}}, QStringList{"-x", ""} + Fetch({s_nginx->Url("/files/p.bin")}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+}
+
+TEST_F(VelafetchProxyTest, ProxyThatAsksForCredentialsIsAnHttpError)
+{
+    if (!velatest::TinyproxyServer::SupportsBasicAuth())
+        GTEST_SKIP() << "tinyproxy " << velatest::TinyproxyServer::Version().toStdString() << " has no BasicAuth";
+    velatest::TinyproxyOptions options;
+    options.user = "ann";
+    options.password = "pw";
+    velatest::TinyproxyServer proxy(options);
+    ASSERT_TRUE(proxy.Start()) << proxy.Error().toStdString();
+    const QString url = s_nginx->TlsUrl("/files/p.bin");
+    RunResult r = Velafetch(QStringList{"-x", proxy.Url(false)} + Fetch({url}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 1) << r;
+    EXPECT_TRUE(r.err.contains("[HTTP error 407]")) << r;
+    r = Velafetch(QStringList{"-x", proxy.Url(true)} + Fetch({url}));
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(Out(0)), Sha256(s_body));
+}
+
+TEST_F(VelafetchProxyTest, BadProxyUrlsExitWithStatus2)
+{
+    RunResult r = Velafetch({"-x", "socks5://127.0.0.1:1080", s_nginx->Url("/files/p.bin")});
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 2) << r;
+    EXPECT_TRUE(r.err.contains("velafetch: socks5://127.0.0.1:1080: not an http:// proxy URL")) << r;
+    r = VelafetchWith({{"https_proxy", "http://p:99999"}}, {s_nginx->Url("/files/p.bin")});
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 2) << r;
+    EXPECT_TRUE(r.err.contains("velafetch: https_proxy is not a proxy URL: http://p:99999")) << r;
+}
+
+TEST_F(VelafetchProxyTest, BracketedIPv6UrlFromNginx)
+{
+    VELATEST_NEED_IPV6_OR_SKIP();
+    const RunResult r = Velafetch({s_nginx->Ipv6Url("/files/p.bin")});
+    ASSERT_TRUE(r.finished) << r;
+    EXPECT_EQ(r.exitCode, 0) << r;
+    EXPECT_EQ(Sha256(r.out), Sha256(s_body));
 }
 
 }  // namespace

@@ -559,7 +559,7 @@ QString TinyproxyServer::Url(bool withCredentials) const
     if (withCredentials && !m_options.user.isEmpty())
         credentials = QString::fromUtf8(m_options.user.toPercentEncoding() + ':' +
                                         m_options.password.toPercentEncoding() + '@');
-    return QString("http://%1127.0.0.1:%2").arg(credentials).arg(m_port);
+    return "http://" + credentials + "127.0.0.1:" + QString::number(m_port);
 }
 
 QByteArray TinyproxyServer::Log() const

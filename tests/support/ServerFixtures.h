@@ -151,7 +151,8 @@ struct TinyproxyOptions
     // Ports that CONNECT may reach; tinyproxy allows every port when the
     // list is empty.
     QList<quint16> connectPorts;
-    // Basic credentials asked of every client when user is not empty.
+    // Basic credentials asked of every client when user is not empty
+    // (letters and digits: tinyproxy's configuration takes no others).
     QByteArray user;
     QByteArray password;
 };

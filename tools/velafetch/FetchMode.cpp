@@ -10,6 +10,7 @@
 #include "src/DNSCache.h"
 #include "src/HttpData.h"
 #include "src/MLHttpEngine.h"
+#include "src/ProxyConfig.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -332,6 +333,25 @@ bool ApplyNetworkSettings(const Options& options, QString& error)
         }
         CQHttpSocketEngine::AddCaCertificates(certificates);
     }
+    return ApplyProxySettings(options, error);
+}
+
+bool ApplyProxySettings(const Options& options, QString& error)
+{
+    // The environment as curl reads it; -x and --noproxy replace its parts.
+    QString environmentError;
+    const bool environmentUsable = CProxyConfig::ApplyEnvironment(&environmentError);
+    if (options.proxy) {
+        if (!CProxyConfig::SetProxy(*options.proxy)) {
+            error = QString("%1: not an http:// proxy URL").arg(*options.proxy);
+            return false;
+        }
+    } else if (!environmentUsable) {
+        error = environmentError;
+        return false;
+    }
+    if (options.noProxy)
+        CProxyConfig::SetNoProxy(*options.noProxy);
     return true;
 }
 

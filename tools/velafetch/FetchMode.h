@@ -19,8 +19,10 @@ enum ExitStatus
 };
 
 // Applies the settings shared by the HTTP modes (DNS cache directory, DNS
-// gateway, CA certificates); false with the reason in error.
+// gateway, CA certificates, proxies); false with the reason in error.
 [[nodiscard]] bool ApplyNetworkSettings(const Options& options, QString& error);
+// The proxy setting from the environment, then -x and --noproxy over it.
+[[nodiscard]] bool ApplyProxySettings(const Options& options, QString& error);
 
 // Runs the fetch mode on the current event loop; returns the exit status.
 [[nodiscard]] int RunFetch(const Options& options);

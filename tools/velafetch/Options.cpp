@@ -131,6 +131,10 @@ bool Parser::HandleOption(const QString& arg)
         o.gateway = value.toUtf8();
     } else if (arg == "--cacert") {
         o.caCertFile = value;
+    } else if (arg == "-x" || arg == "--proxy") {
+        o.proxy = value;
+    } else if (arg == "--noproxy") {
+        o.noProxy = value;
     } else if (arg == "--id") {
         if (!ParseRequestId(value, o.fixedId))
             return Fail("--id takes page, prefetch, css, image or a number");
@@ -279,6 +283,13 @@ QString HelpText()
         "      --dns-cache DIR    keep the DNS cache file in DIR\n"
         "      --gateway URL      DNS gateway asked when a host name does not resolve\n"
         "      --cacert FILE      also trust the CA certificates in FILE (PEM) for https\n"
+        "  -x, --proxy URL        send every request through the HTTP proxy\n"
+        "                         http://[USER:PASSWORD@]HOST[:PORT] (https through\n"
+        "                         CONNECT); \"\" for none. Without it the environment's\n"
+        "                         http_proxy, https_proxy/HTTPS_PROXY are used\n"
+        "      --noproxy LIST     hosts reached directly: comma-separated names (with\n"
+        "                         their subdomains), addresses, NAME:PORT, or *;\n"
+        "                         over the environment's no_proxy/NO_PROXY\n"
         "  -v, --verbose          print every report of the pool on stderr\n"
         "\n"
         "Other modes:\n"

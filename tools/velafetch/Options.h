@@ -47,6 +47,10 @@ struct Options
     QString dnsCacheDir;
     QByteArray gateway;
     QString caCertFile;
+    // -x: the proxy of every URL ("" for none), over the environment's.
+    std::optional<QString> proxy;
+    // --noproxy: hosts reached directly, over the environment's list.
+    std::optional<QString> noProxy;
     IdChoice idChoice = IdChoice::PerUrl;
     int fixedId = 0;
     bool verbose = false;
