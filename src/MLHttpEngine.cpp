@@ -1165,6 +1165,7 @@ void CMLHttpEngine::SetServerFor(CHttpData& target, bool mayUseProxy)
                                        m_ProxyRoute.host.size());
         m_pSocketEngine->SetPort(m_ProxyRoute.port);
         m_pSocketEngine->SetSecure(false);
+        m_pSocketEngine->SetTunnel(QByteArray(), 0, QByteArray());
         return;
     }
     m_pSocketEngine->SetServerName(reinterpret_cast<unsigned char*>(host), hostLen);
@@ -1172,6 +1173,8 @@ void CMLHttpEngine::SetServerFor(CHttpData& target, bool mayUseProxy)
     m_pSocketEngine->SetSecure(secure);
     if (m_bProxyTunnel)
         m_pSocketEngine->SetTunnel(m_ProxyRoute.host, m_ProxyRoute.port, m_ProxyRoute.authorization);
+    else
+        m_pSocketEngine->SetTunnel(QByteArray(), 0, QByteArray());
 }
 
 unsigned char* CMLHttpEngine::WithProxyCredentials(unsigned char* bytes, int& len) const
