@@ -60,8 +60,10 @@ constexpr int KWholeResource = CQRequestHeaderUnit::KNoOffset;
 
 // The multipart flag is never set by this engine.
 constexpr int KNoMultipart = 0;
-// No absolute request target: the engine talks to origin servers.
+// The request target: the path for an origin server, the whole URL for a
+// proxy.
 constexpr int KOriginTarget = 0;
+constexpr int KAbsoluteTarget = 1;
 // The gateway request asks for no encoding.
 constexpr int KGatewayEncodingMode = 0;
 // Gateway lookups one request may make.
@@ -547,7 +549,7 @@ void CMLHttpEngine::SendMsg_Get()
             bytes = m_RequestData.PartialGetMethodData(len, m_nRequestID, AbsoluteTarget(),
                                                        m_RequestHeaderUnit.m_nOffset);
         else
-            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID, AbsoluteTarget() ? 1 : KOriginTarget,
+            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID, AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget,
                                                 KNoMultipart, 0, nullptr, false, 0);
         bytes = WithProxyCredentials(bytes, len);
         break;
@@ -573,7 +575,7 @@ void CMLHttpEngine::SendMsg_Post()
     CQSString& body = m_RequestHeaderUnit.m_strData;
     int len = 0;
     unsigned char* bytes = m_RequestData.GetMethodData(
-        KKindPost, len, m_nRequestID, AbsoluteTarget() ? 1 : KOriginTarget, m_nMultipart, body.GetLength(),
+        KKindPost, len, m_nRequestID, AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget, m_nMultipart, body.GetLength(),
         reinterpret_cast<unsigned char*>(const_cast<char*>(body.GetDataPtr())), false, 0);
     bytes = WithProxyCredentials(bytes, len);
     if (!bytes || len < 1) {
