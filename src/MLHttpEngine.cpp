@@ -549,8 +549,9 @@ void CMLHttpEngine::SendMsg_Get()
             bytes = m_RequestData.PartialGetMethodData(len, m_nRequestID, AbsoluteTarget(),
                                                        m_RequestHeaderUnit.m_nOffset);
         else
-            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID, AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget,
-                                                KNoMultipart, 0, nullptr, false, 0);
+            bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID,
+                                                AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget, KNoMultipart, 0,
+                                                nullptr, false, 0);
         bytes = WithProxyCredentials(bytes, len);
         break;
     case HES_DNSRequest:
@@ -575,8 +576,8 @@ void CMLHttpEngine::SendMsg_Post()
     CQSString& body = m_RequestHeaderUnit.m_strData;
     int len = 0;
     unsigned char* bytes = m_RequestData.GetMethodData(
-        KKindPost, len, m_nRequestID, AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget, m_nMultipart, body.GetLength(),
-        reinterpret_cast<unsigned char*>(const_cast<char*>(body.GetDataPtr())), false, 0);
+        KKindPost, len, m_nRequestID, AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget, m_nMultipart,
+        body.GetLength(), reinterpret_cast<unsigned char*>(const_cast<char*>(body.GetDataPtr())), false, 0);
     bytes = WithProxyCredentials(bytes, len);
     if (!bytes || len < 1) {
         delete[] bytes;

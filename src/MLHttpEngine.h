@@ -8,6 +8,9 @@
 // or until the connection closes, gunzipping where the head says gzip),
 // follows redirects itself, asks an HTTP gateway for the address of a host
 // that does not resolve, and reports everything through one MHttpObserver.
+// With a proxy set (CProxyConfig), an http request goes to the proxy with
+// the whole URL as its target and an https request through the proxy's
+// CONNECT tunnel; a refused tunnel is an HTTP error with the proxy's status.
 //
 // The request state (m_enCurHES), the response phase and the body mode are
 // drawn together at the top of src/MLHttpEngine.cpp.
