@@ -186,6 +186,8 @@ int FetchRun::Run()
 
 void FetchRun::Message(const QString& text)
 {
+    // Bodies received so far come out before the line that follows them.
+    Output::FlushAll();
     m_progress.Done();
     const QByteArray line = text.toLocal8Bit() + '\n';
     std::fwrite(line.constData(), 1, static_cast<size_t>(line.size()), stderr);
@@ -266,6 +268,8 @@ void FetchRun::OnTransferEnd(Transfer& transfer)
     const QString url = QString::fromUtf8(transfer.order.url);
     if (m_progress.Enabled() && transfer.outcome == Outcome::Completed && Large(transfer)) {
         const qint64 before = target.resumeFrom > 0 && transfer.contentLength >= 0 ? target.resumeFrom : 0;
+        // The bar says 100 % once the file holds every byte.
+        (void)target.output->Flush();
         m_progress.Show(target.label, before + transfer.bytes, before + transfer.bytes, Rate(transfer));
         m_progress.Done();
     }

@@ -1,9 +1,20 @@
 #ifndef VELAFETCH_OUTPUT_H
 #define VELAFETCH_OUTPUT_H
 
-// Where a body goes: standard output or a file, written through a large
-// buffer so that the 1024-byte pieces the library hands up cost one system
-// call per KBufferBytes, not one each.
+// Where a body goes: standard output or a file, gathered in a buffer of
+// KBufferBytes so that the 1024-byte pieces the library hands up cost one
+// write call per KBufferBytes, not one each. The buffer is small enough to
+// stay in the processor's cache between the copy into it and the write.
+//
+// Nothing received is held back where a user could miss it:
+// - Flush writes the buffer out; the owner flushes before it shows a
+//   transfer's end (the progress bar's last state, a failure line), and
+//   FlushAll writes every open output before any other line on stderr.
+// - Close (completion, and the destructor) flushes.
+// - Discard (a failed transfer) writes out what standard output or a file
+//   being appended to has received, and deletes a file it created.
+// - SIGINT and SIGTERM flush every open output, then end the program by
+//   the same signal as before (the files stay, so -C resumes from them).
 
 #include <QByteArray>
 #include <QString>
@@ -13,7 +24,7 @@ namespace velafetch {
 class Output
 {
 public:
-    static constexpr int KBufferBytes = 1 << 20;
+    static constexpr int KBufferBytes = 256 * 1024;
 
     // Standard output (stays open when closed).
     Output();
@@ -33,8 +44,12 @@ public:
     [[nodiscard]] bool Flush();
     // Flushes and closes; false on a failure.
     [[nodiscard]] bool Close();
-    // Closes without flushing and deletes the file if Open created it.
+    // Ends a failed transfer: standard output and an appended file get
+    // what was received, a file that Open created is deleted.
     void Discard();
+
+    // Flushes every open output (write failures stay in their Error()).
+    static void FlushAll();
 
     bool IsOpen() const { return m_fd >= 0; }
     bool IsStdout() const { return m_path.isEmpty(); }
@@ -43,6 +58,8 @@ public:
 
 private:
     [[nodiscard]] bool WriteAll(const char* data, qint64 len);
+    void Register();
+    void Unregister();
 
     QString m_path;  // empty: standard output
     int m_fd = -1;
@@ -50,6 +67,7 @@ private:
     QByteArray m_buffer;
     int m_used = 0;
     QString m_error;
+    Output* m_next = nullptr;  // the list of open outputs
 };
 
 }  // namespace velafetch
