@@ -2,11 +2,12 @@
 // one CMLHttpEngine whose notifier counts and discards the body pieces, the
 // way an owner that streams a download elsewhere would.
 //
-//   velanet-download URL [--gzip] [--expect BYTES] [--timeout SECONDS]
+//   velanet-download URL [--gzip] [--expect BYTES] [--cacert PEM] [--timeout SECONDS]
 //
 // --gzip carries the current-page request id, the one id whose requests ask
 // for "Accept-Encoding: gzip"; the engine then hands on the decoded body.
-// (That id also reports redirects instead of following them.)
+// (That id also reports redirects instead of following them.) --cacert
+// trusts the CA certificates of a PEM file for an https URL.
 //
 // Prints one "name value" pair per line:
 //   bytes N            body bytes reported to the notifier (decoded ones
@@ -18,12 +19,14 @@
 // a failure report or a size mismatch, 2 on time-out, 3 on bad arguments.
 
 #include "bench/ProcessStats.h"
+#include "src/CQHttpSocketEngine.h"
 #include "src/HttpObserver.h"
 #include "src/MLHttpEngine.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QSslCertificate>
 #include <QTimer>
 
 #include <cstdio>
@@ -116,7 +119,7 @@ private:
 
 int Usage()
 {
-    std::fprintf(stderr, "usage: velanet-download URL [--gzip] [--expect BYTES] [--timeout SECONDS]\n");
+    std::fprintf(stderr, "usage: velanet-download URL [--gzip] [--expect BYTES] [--cacert PEM] [--timeout SECONDS]\n");
     return KExitUsage;
 }
 
@@ -138,6 +141,11 @@ int main(int argc, char** argv)
             gzip = true;
         else if (args[i] == "--timeout" && i + 1 < args.size())
             timeoutSeconds = args[++i].toInt(&ok);
+        else if (args[i] == "--cacert" && i + 1 < args.size()) {
+            const QList<QSslCertificate> certificates = QSslCertificate::fromPath(args[++i]);
+            ok = !certificates.isEmpty();
+            CQHttpSocketEngine::AddCaCertificates(certificates);
+        }
         else if (url.isEmpty() && !args[i].startsWith("--"))
             url = args[i].toUtf8();
         else

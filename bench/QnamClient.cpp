@@ -5,13 +5,14 @@
 // body, so the same client serves the gzip case.
 //
 //   qnam-client URL [--count N] [--parallel P] [--close] [--expect BYTES]
-//               [--timeout SECONDS]
+//               [--cacert PEM] [--timeout SECONDS]
 //
 // --count     fetch URL N times (default 1), keeping up to --parallel
 //             requests in flight (default 1); a new one starts as each
 //             finishes
 // --close     send "Connection: close" with every request
 // --expect    body bytes every response must bring
+// --cacert    CA certificates (PEM) to trust besides the system's (https)
 //
 // Prints one "name value" pair per line:
 //   requests N         responses that finished with status 200
@@ -19,9 +20,11 @@
 //   seconds S          wall time from the first request to the last finish
 //   rss-before-kib K   resident set just before the first request
 //   hwm-kib K          peak resident set from then to the end
+//   p50-ms, p99-ms     request latency percentiles, from get() to finished
 // Exit status 0 when every request finished with status 200 (and BYTES
 // bytes, if given), 1 otherwise, 2 on time-out, 3 on bad arguments.
 
+#include "bench/Latency.h"
 #include "bench/ProcessStats.h"
 
 #include <QByteArray>
@@ -30,6 +33,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTimer>
 #include <QUrl>
 
@@ -62,6 +67,7 @@ struct Options
     bool close = false;
     long long expected = -1;
     int timeoutSeconds = KDefaultTimeoutSeconds;
+    QList<QSslCertificate> caCertificates;
 };
 
 // Starts requests until `parallel` are in flight or `count` were started;
@@ -69,9 +75,15 @@ struct Options
 class Fetcher
 {
 public:
-    explicit Fetcher(const Options& options) : m_options(options), m_buffer(KReadBufferSize)
+    explicit Fetcher(const Options& options)
+        : m_options(options), m_buffer(KReadBufferSize), m_latencies(options.count)
     {
         m_request = QNetworkRequest(options.url);
+        if (!options.caCertificates.isEmpty()) {
+            QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+            tls.addCaCertificates(options.caCertificates);
+            m_request.setSslConfiguration(tls);
+        }
         if (options.close)
             m_request.setRawHeader("Connection", "close");
     }
@@ -84,17 +96,21 @@ public:
 
     long long Bytes() const { return m_nBytes; }
     int Completed() const { return m_nCompleted; }
+    const velabench::Latencies& Latency() const { return m_latencies; }
 
 private:
     void StartOne()
     {
+        const int index = m_nStarted;
+        m_latencies.Start(index);
         QNetworkReply* reply = m_manager.get(m_request);
         ++m_nStarted;
         ++m_nInFlight;
         auto bytes = std::make_shared<long long>(0);
         QObject::connect(reply, &QNetworkReply::readyRead, reply, [this, reply, bytes] { Drain(reply, *bytes); });
-        QObject::connect(reply, &QNetworkReply::finished, reply, [this, reply, bytes] {
+        QObject::connect(reply, &QNetworkReply::finished, reply, [this, reply, bytes, index] {
             Drain(reply, *bytes);
+            m_latencies.Complete(index);
             OnFinished(reply, *bytes);
         });
     }
@@ -149,12 +165,13 @@ private:
     int m_nCompleted = 0;
     long long m_nBytes = 0;
     bool m_bFinished = false;
+    velabench::Latencies m_latencies;
 };
 
 int Usage()
 {
     std::fprintf(stderr, "usage: qnam-client URL [--count N] [--parallel P] [--close] [--expect BYTES] "
-                         "[--timeout SECONDS]\n");
+                         "[--cacert PEM] [--timeout SECONDS]\n");
     return KExitUsage;
 }
 
@@ -179,7 +196,10 @@ int main(int argc, char** argv)
             options.expected = args[++i].toLongLong(&ok);
         else if (args[i] == "--timeout" && hasValue)
             options.timeoutSeconds = args[++i].toInt(&ok);
-        else if (url.isEmpty() && !args[i].startsWith("--"))
+        else if (args[i] == "--cacert" && hasValue) {
+            options.caCertificates = QSslCertificate::fromPath(args[++i]);
+            ok = !options.caCertificates.isEmpty();
+        } else if (url.isEmpty() && !args[i].startsWith("--"))
             url = args[i];
         else
             ok = false;
@@ -206,6 +226,7 @@ int main(int argc, char** argv)
 
     std::printf("requests %d\nbytes %lld\nseconds %.6f\nrss-before-kib %lld\nhwm-kib %lld\n", fetcher.Completed(),
                 fetcher.Bytes(), seconds, rssBefore, hwm);
+    fetcher.Latency().Print();
     if (code == KExitTimedOut)
         std::fprintf(stderr, "qnam-client: not done within %d s\n", options.timeoutSeconds);
     return code;

@@ -7,11 +7,12 @@
 // so each GET has a connection of its own.
 //
 //   velanet-small-gets URL [--count N] [--parallel P] [--expect BYTES]
-//                      [--timeout SECONDS]
+//                      [--cacert PEM] [--timeout SECONDS]
 //
 // --count     requests in all (default 5000)
 // --parallel  engines in the pool, and so requests in flight (default 8)
 // --expect    body bytes every response must bring
+// --cacert    CA certificates (PEM) to trust for an https URL
 //
 // Prints one "name value" pair per line:
 //   requests N         requests that completed
@@ -19,16 +20,21 @@
 //   seconds S          wall time from the first request to the last report
 //   rss-before-kib K   resident set just before the first request
 //   hwm-kib K          peak resident set from then to the end
+//   p50-ms, p99-ms     request latency percentiles, from DoGet to the
+//                      completion report
 // Exit status 0 when every request completed (each with BYTES bytes, if
 // given), 1 on any failure report or size mismatch, 2 on time-out, 3 on
 // bad arguments.
 
+#include "bench/Latency.h"
 #include "bench/ProcessStats.h"
+#include "src/CQHttpSocketEngine.h"
 #include "src/MLHttpPool.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QSslCertificate>
 #include <QTimer>
 
 #include <cstdio>
@@ -62,7 +68,7 @@ class SmallGets : public MHttpPoolNotifier
 public:
     SmallGets(const CQSString& url, int count, int parallel, long long expected)
         : m_url(url), m_nCount(count), m_nParallel(parallel), m_nExpected(expected),
-          m_bytes(static_cast<size_t>(count) + KFirstId, 0)
+          m_bytes(static_cast<size_t>(count) + KFirstId, 0), m_latencies(count)
     {
     }
 
@@ -75,6 +81,7 @@ public:
     {
         while (!m_bFinished && m_nInFlight < m_nParallel && m_nStarted < m_nCount) {
             const int id = KFirstId + m_nStarted;
+            m_latencies.Start(m_nStarted);
             if (m_pPool->DoGet(m_url, id, nullptr) != CMLHttpPool::KStarted) {
                 ++m_nRefusals;
                 if (!m_bRetryQueued) {
@@ -121,6 +128,7 @@ public:
             Finish(KExitFailed);
             return 1;
         }
+        m_latencies.Complete(id - KFirstId);
         --m_nInFlight;
         ++m_nCompleted;
         if (m_nCompleted == m_nCount)
@@ -158,6 +166,7 @@ public:
     int Completed() const { return m_nCompleted; }
     long long Bytes() const { return m_nBytes; }
     long long Refusals() const { return m_nRefusals; }
+    const velabench::Latencies& Latency() const { return m_latencies; }
 
 private:
     bool IsKnown(int id) const { return id >= KFirstId && id < KFirstId + m_nStarted; }
@@ -185,12 +194,13 @@ private:
     bool m_bRetryQueued = false;
     bool m_bFinished = false;
     int m_nCode = KExitOk;
+    velabench::Latencies m_latencies;
 };
 
 int Usage()
 {
     std::fprintf(stderr, "usage: velanet-small-gets URL [--count N] [--parallel P] [--expect BYTES] "
-                         "[--timeout SECONDS]\n");
+                         "[--cacert PEM] [--timeout SECONDS]\n");
     return KExitUsage;
 }
 
@@ -216,7 +226,11 @@ int main(int argc, char** argv)
             expected = args[++i].toLongLong(&ok);
         else if (args[i] == "--timeout" && hasValue)
             timeoutSeconds = args[++i].toInt(&ok);
-        else if (url.isEmpty() && !args[i].startsWith("--"))
+        else if (args[i] == "--cacert" && hasValue) {
+            const QList<QSslCertificate> certificates = QSslCertificate::fromPath(args[++i]);
+            ok = !certificates.isEmpty();
+            CQHttpSocketEngine::AddCaCertificates(certificates);
+        } else if (url.isEmpty() && !args[i].startsWith("--"))
             url = args[i].toUtf8();
         else
             ok = false;
@@ -245,6 +259,7 @@ int main(int argc, char** argv)
 
     std::printf("requests %d\nbytes %lld\nseconds %.6f\nrss-before-kib %lld\nhwm-kib %lld\nrefusals %lld\n",
                 gets.Completed(), gets.Bytes(), seconds, rssBefore, hwm, gets.Refusals());
+    gets.Latency().Print();
     if (code == KExitTimedOut)
         std::fprintf(stderr, "velanet-small-gets: not done within %d s\n", timeoutSeconds);
     return code;

@@ -20,7 +20,17 @@
 // drained in blocks of KReadBlockSize into the one iReceiveBuffer, with no
 // allocation per read, and each block is cut into KSliceSize pieces from
 // memory; a block is a whole number of pieces, so the pieces are those of
-// one big read. The pieces of a read stop at the first one the observer
+// one big read.
+//
+// Direct reads. While a plain-TCP response is being received, the kernel's
+// bytes go straight into iReceiveBuffer with recv() on the socket's
+// descriptor: Qt is allowed to buffer only KDirectReadAhead bytes ahead of
+// the engine, so it still gets every read notification and still detects
+// the peer's close and every error itself (reported as before), while the
+// bulk of the body skips the copy through Qt's buffer. A recv() that finds
+// the end of the stream consumes nothing, so Qt's next read sees the close.
+// Outside reception (request still being written, resumable uploads, TLS)
+// Qt buffers as before. The pieces of a read stop at the first one the observer
 // answers with 0 (the rest of that read is dropped and reception is not
 // re-armed) or during which the engine was cancelled or given a new
 // exchange (iGeneration): an engine finished in the middle of a read must
@@ -77,10 +87,12 @@
 #include <QSslSocket>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <sys/socket.h>
 
 namespace {
 
@@ -499,6 +511,7 @@ int CQHttpSocketEngine::ConnectByIP(const QString& ip)
     ++iConnection;
     iReadArmed = false;
     iSliceCount = 0;
+    UseDirectReads(false);
     // Set before connecting: a loopback connect may report at once.
     iStatus = HSES_Connecting;
     const quint16 port = static_cast<quint16>(Tunnelling() ? iTunnelPort : iPort);
@@ -854,6 +867,7 @@ int CQHttpSocketEngine::DoReceive()
     iReadArmed = true;
     iStatus = HSES_Receiving;
     iBusy = true;
+    UseDirectReads(iSendMode != KSendModeOLFile);
     // Bytes that came while reception was not armed raise no new readyRead.
     if (CurrentSocket()->bytesAvailable() > 0) {
         const quint64 connection = iConnection;
@@ -870,10 +884,51 @@ int CQHttpSocketEngine::DoReceive()
 
 int CQHttpSocketEngine::ReadBlock(QTcpSocket* socket)
 {
+    // Bytes Qt already holds come first (all of them in buffered mode).
     const qint64 n = socket->read(iReceiveBuffer.data(), KReadBlockSize);
-    iLastReadCount = n > 0 ? static_cast<int>(n) : 0;
+    int got = n > 0 ? static_cast<int>(n) : 0;
+    if (got < KReadBlockSize && IsDirect(socket))
+        got += ReadDescriptor(socket, iReceiveBuffer.data() + got, KReadBlockSize - got);
+    iLastReadCount = got;
     iReceiveLength = iLastReadCount;
     return iLastReadCount;
+}
+
+void CQHttpSocketEngine::UseDirectReads(bool direct)
+{
+    iDirectReads = direct && !iSecure;
+    iSocket.setReadBufferSize(iDirectReads ? KDirectReadAhead : KSocketReadBufferLimit);
+}
+
+bool CQHttpSocketEngine::IsDirect(QTcpSocket* socket) const
+{
+    return iDirectReads && socket == &iSocket && socket->state() == QAbstractSocket::ConnectedState &&
+           socket->socketDescriptor() >= 0;
+}
+
+int CQHttpSocketEngine::ReadDescriptor(QTcpSocket* socket, char* data, int len)
+{
+    const int fd = static_cast<int>(socket->socketDescriptor());
+    for (;;) {
+        const ssize_t n = ::recv(fd, data, static_cast<size_t>(len), MSG_DONTWAIT);
+        if (n > 0)
+            return static_cast<int>(n);
+        if (n < 0 && errno == EINTR)
+            continue;
+        // Nothing yet, the end of the stream or an error: Qt's own read at
+        // its next notification finds the close or the error and reports it.
+        return 0;
+    }
+}
+
+bool CQHttpSocketEngine::MoreToRead(QTcpSocket* socket, int lastRead, int blocks) const
+{
+    if (socket->bytesAvailable() > 0)
+        return true;
+    // A full block from the descriptor may have left more behind; after
+    // KMaxBlocksPerNotification the rest waits for the next notification so
+    // that other sockets get their turn.
+    return iDirectReads && socket == &iSocket && lastRead == KReadBlockSize && blocks < KMaxBlocksPerNotification;
 }
 
 void CQHttpSocketEngine::OnDataReceive()
@@ -890,17 +945,20 @@ void CQHttpSocketEngine::OnDataReceive()
         return;
     }
     const quint64 generation = iGeneration;
-    for (;;) {
+    for (int blocks = 1;; ++blocks) {
         const int n = ReadBlock(socket);
-        if (n <= 0 || socket->bytesAvailable() <= 0) {
+        if (n <= 0 || !MoreToRead(socket, n, blocks)) {
             // The last block of this read: handing it up re-arms reception.
             static_cast<void>(HandleRecvData());
             return;
         }
         iReceiveLength = 0;
         if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), n, generation) == KStop) {
-            if (generation == iGeneration)
+            if (generation == iGeneration) {
                 DropRestOfRead(socket);
+                // Later bytes wait in Qt's buffer, as for any unarmed socket.
+                UseDirectReads(false);
+            }
             return;
         }
     }
@@ -913,8 +971,12 @@ int CQHttpSocketEngine::HandleRecvData()
     const int len = iReceiveLength;
     iReceiveLength = 0;
     if (len > 0 && iSendMode != KSendModeOLFile) {
-        if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), len, iGeneration) == KStop)
+        const quint64 generation = iGeneration;
+        if (HandUpPieces(reinterpret_cast<unsigned char*>(iReceiveBuffer.data()), len, generation) == KStop) {
+            if (generation == iGeneration)
+                UseDirectReads(false);
             return KRefused;
+        }
     }
     DoReceive();
     return KDone;
@@ -938,6 +1000,13 @@ void CQHttpSocketEngine::DropRestOfRead(QTcpSocket* socket)
     const qint64 rest = socket->bytesAvailable();
     if (rest > 0)
         static_cast<void>(socket->skip(rest));
+    // What Qt would have buffered of this read waits in the kernel instead.
+    for (int dropped = 0; dropped < KSocketReadBufferLimit && IsDirect(socket);) {
+        const int n = ReadDescriptor(socket, iReceiveBuffer.data(), KReadBlockSize);
+        if (n <= 0)
+            break;
+        dropped += n;
+    }
 }
 
 // ---------------------------------------------------------------- cancelling

@@ -240,6 +240,11 @@ private:
     static constexpr int KReadBlockSize = 64 * KSliceSize;
     // Bytes Qt may hold for the engine before it stops reading the kernel.
     static constexpr int KSocketReadBufferLimit = 4 * KReadBlockSize;
+    // With direct reads: the bytes Qt reads per notification (it must read
+    // some to notice the peer's close; the rest is read by the engine).
+    static constexpr int KDirectReadAhead = 1;
+    // Blocks read directly per read notification at most.
+    static constexpr int KMaxBlocksPerNotification = 16;
     // Request bytes that may wait in the socket at once, once the first
     // KPacedSlices slices of a request have gone one per bytes-written.
     static constexpr int KSendWindowBytes = 64 * KSliceSize;
@@ -285,6 +290,16 @@ private:
     void ContinueSend(CQSendUnit* unit);
     // Reads at most KReadBlockSize bytes into iReceiveBuffer; the count.
     [[nodiscard]] int ReadBlock(QTcpSocket* socket);
+    // Direct reads on (reception of a plain-TCP response) or off.
+    void UseDirectReads(bool direct);
+    // Whether ReadBlock reads socket's descriptor itself.
+    [[nodiscard]] bool IsDirect(QTcpSocket* socket) const;
+    // One recv() of at most len bytes without waiting; the count, 0 when
+    // nothing is there (or the stream ended, or failed: Qt reports those).
+    [[nodiscard]] static int ReadDescriptor(QTcpSocket* socket, char* data, int len);
+    // Whether the read that gave lastRead bytes (the blocks-th of this
+    // notification) may have left bytes to read now.
+    [[nodiscard]] bool MoreToRead(QTcpSocket* socket, int lastRead, int blocks) const;
     // Hands data to the observer in pieces of KSliceSize; KStop at the
     // first piece answered with 0 or during which generation changed.
     [[nodiscard]] int HandUpPieces(unsigned char* data, int len, quint64 generation);
@@ -345,6 +360,7 @@ private:
     bool iBusy = false;
 
     bool iReadArmed = false;   // reception armed: readyRead is acted upon
+    bool iDirectReads = false; // the plain socket's bytes are read with recv()
     int iSliceCount = 0;       // slices cut from the request being written
     int iLookupId = -1;        // QHostInfo id of the running lookup
     // Bumped by every cancel, close, new exchange and reported failure: a
