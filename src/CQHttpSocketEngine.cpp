@@ -47,6 +47,10 @@
 // the resolved address with the host name as peer verification name, trusts
 // the system CAs plus those given to AddCaCertificates, reports 32 once the
 // handshake is done, and any certificate error fails it with event 34.
+// Sessions are resumed: every session the server hands out (TLS 1.2 with
+// the handshake, TLS 1.3 after it) goes to the process's TlsSessionCache
+// under the origin's host and port and the trusted CA list, and the next
+// connection to that origin under the same trust offers it.
 //
 // Tunnel. An https exchange through a proxy looks up and connects to the
 // proxy, writes a CONNECT request for the server's host and port, reads the
@@ -79,6 +83,7 @@
 #include "src/IAPConnectEngine.h"
 #include "src/RequestHeaderUnit.h"
 #include "src/internal/ProxyTunnel_p.h"
+#include "src/internal/TlsSessionCache_p.h"
 
 #include <QHostAddress>
 #include <QMetaObject>
@@ -258,6 +263,11 @@ QSslSocket* CQHttpSocketEngine::SecureSocket()
     iSecureSocket = new QSslSocket(this);
     iSecureSocket->setReadBufferSize(KSocketReadBufferLimit);
     ConnectSocketSignals(iSecureSocket);
+    // The session is filed before the connection is reported (a TLS 1.2
+    // ticket comes with the handshake, TLS 1.3 tickets after it, with the
+    // first bytes read).
+    connect(iSecureSocket, &QSslSocket::encrypted, this, &CQHttpSocketEngine::OnTlsSessionReady);
+    connect(iSecureSocket, &QSslSocket::newSessionTicketReceived, this, &CQHttpSocketEngine::OnTlsSessionReady);
     // Connected means ready to carry the request: after the handshake.
     connect(iSecureSocket, &QSslSocket::encrypted, this, &CQHttpSocketEngine::OnSocketConnect);
     connect(iSecureSocket, QOverload<const QList<QSslError>&>::of(&QSslSocket::sslErrors), this,
@@ -543,7 +553,32 @@ void CQHttpSocketEngine::ConfigureTls(QSslSocket* socket) const
     QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
     if (!ExtraCaCertificates().isEmpty())
         configuration.addCaCertificates(ExtraCaCertificates());
+    OfferTlsSession(configuration);
     socket->setSslConfiguration(configuration);
+}
+
+// ---------------------------------------------------------------- TLS sessions
+
+void CQHttpSocketEngine::OfferTlsSession(QSslConfiguration& configuration) const
+{
+    // Qt hands the session out (sessionTicket) only with persistence on.
+    configuration.setSslOption(QSsl::SslOptionDisableSessionPersistence, false);
+    const QByteArray session = velanet::TlsSessionCache::Shared().Find(
+        HostText(), static_cast<quint16>(iPort), configuration.caCertificates());
+    if (!session.isEmpty())
+        configuration.setSessionTicket(session);
+}
+
+void CQHttpSocketEngine::OnTlsSessionReady()
+{
+    if (!IsFromCurrentSocket() || !iSecure || iSecureSocket == nullptr)
+        return;
+    // Only a verified connection gets here: certificate errors are never
+    // ignored, so they end the handshake before encrypted().
+    const QSslConfiguration configuration = iSecureSocket->sslConfiguration();
+    velanet::TlsSessionCache::Shared().Store(HostText(), static_cast<quint16>(iPort), configuration.caCertificates(),
+                                             configuration.sessionTicket(),
+                                             configuration.sessionTicketLifeTimeHint());
 }
 
 void CQHttpSocketEngine::OnTunnelConnected()
@@ -643,6 +678,8 @@ void CQHttpSocketEngine::OnSslErrors(const QList<QSslError>&)
     // dropped once this failure has been reported.
     if (!IsFromCurrentSocket())
         return;
+    // A session offered to this origin is not offered again.
+    velanet::TlsSessionCache::Shared().Forget(HostText(), static_cast<quint16>(iPort));
     DeferSocketFailure(QAbstractSocket::SslHandshakeFailedError);
 }
 

@@ -35,6 +35,7 @@
 #include <QList>
 #include <QObject>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslError>
 #include <QString>
 #include <QTcpSocket>
@@ -215,6 +216,8 @@ private slots:
     void OnSslErrors(const QList<QSslError>& errors);
     void OnTunnelConnected();
     void OnTunnelReadyRead();
+    // A TLS session (or a newer ticket) to file for this origin.
+    void OnTlsSessionReady();
 
 private:
     explicit CQHttpSocketEngine(MSocketEngineObserver* observer);
@@ -262,6 +265,8 @@ private:
     bool Tunnelling() const;
     // The trusted CAs of every TLS connection.
     void ConfigureTls(QSslSocket* socket) const;
+    // The cached session of this origin, if any, into configuration.
+    void OfferTlsSession(QSslConfiguration& configuration) const;
     // The proxy's reply to CONNECT: TLS through the tunnel on 2xx, the
     // refusal reported otherwise, event 34 for what is no reply.
     void ReadTunnelReply(QSslSocket* socket);
