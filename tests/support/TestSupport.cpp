@@ -9,7 +9,10 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <iostream>
 
 namespace velatest {
 
@@ -24,6 +27,39 @@ bool SpinUntil(const std::function<bool()>& cond, int deadlineMs)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 10);
     }
     return true;
+}
+
+unsigned SplitSeed()
+{
+    static const unsigned seed = [] {
+        const char* fixed = std::getenv("VELANET_SPLIT_SEED");
+        const unsigned value =
+            fixed && *fixed ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10)) : std::random_device{}();
+        std::cout << "[ split seed ] " << value << " (replay with VELANET_SPLIT_SEED=" << value << ")" << std::endl;
+        return value;
+    }();
+    return seed;
+}
+
+std::vector<std::size_t> RandomCuts(std::mt19937& random, std::size_t len, std::size_t maxCuts)
+{
+    std::vector<std::size_t> cuts;
+    if (len < 2 || maxCuts < 1)
+        return cuts;
+    const std::size_t count = 1 + random() % std::min(len - 1, maxCuts);
+    for (std::size_t i = 0; i < count; ++i)
+        cuts.push_back(1 + random() % (len - 1));
+    std::sort(cuts.begin(), cuts.end());
+    cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+    return cuts;
+}
+
+std::string CutsText(const std::vector<std::size_t>& cuts)
+{
+    std::string text = "cuts:";
+    for (const std::size_t c : cuts)
+        text += " " + std::to_string(c);
+    return text;
 }
 
 void ProcessPendingEvents()

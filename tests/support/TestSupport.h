@@ -3,8 +3,11 @@
 
 #include <QByteArray>
 #include <QString>
+#include <cstddef>
 #include <functional>
+#include <random>
 #include <string>
+#include <vector>
 
 namespace velatest {
 
@@ -26,6 +29,16 @@ QByteArray Gzip(const QByteArray& in);
 QByteArray CompressibleText(int size, unsigned int seed);
 // size bytes 'a' + (i * 7) % 26: a body whose every offset is checkable.
 QByteArray LetterPattern(int size);
+
+// The seed of every random split in the suites: VELANET_SPLIT_SEED when set
+// (to replay a failure), else a fresh one. Printed on first use, with the
+// line to replay it.
+unsigned SplitSeed();
+// A random split of a message of len bytes: sorted, distinct cut offsets in
+// 1..len-1, at least one and at most maxCuts (none when len < 2).
+std::vector<std::size_t> RandomCuts(std::mt19937& random, std::size_t len, std::size_t maxCuts);
+// Readable cut offsets for a failure message ("cuts: 3 17").
+std::string CutsText(const std::vector<std::size_t>& cuts);
 
 // A fresh empty directory under the system temporary directory, removed
 // with its contents when the object goes away.

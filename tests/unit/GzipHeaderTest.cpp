@@ -182,32 +182,13 @@ ReadOutcome Feed(const std::string& input, std::vector<size_t> cuts)
     return outcome;
 }
 
-std::string CutsText(const std::vector<size_t>& cuts)
-{
-    std::string text = "cuts:";
-    for (size_t c : cuts)
-        text += " " + std::to_string(c);
-    return text;
-}
-
-unsigned SplitSeed()
-{
-    static const unsigned seed = [] {
-        const char* fixed = std::getenv("VELANET_SPLIT_SEED");
-        const unsigned value = fixed ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10)) : std::random_device{}();
-        std::cout << "[ split seed ] " << value << " (set VELANET_SPLIT_SEED to repeat)" << std::endl;
-        return value;
-    }();
-    return seed;
-}
-
 class GzipHeaderSplitTest : public ::testing::TestWithParam<HeaderRow>
 {
 protected:
     void Check(const std::vector<size_t>& cuts)
     {
         const HeaderRow& row = GetParam();
-        SCOPED_TRACE(CutsText(cuts));
+        SCOPED_TRACE(velatest::CutsText(cuts));
         const ReadOutcome outcome = Feed(row.bytes, cuts);
         ASSERT_EQ(outcome.result, row.expected);
         if (row.expected == CGzipHeader::KHeaderComplete) {
@@ -250,16 +231,10 @@ TEST_P(GzipHeaderSplitTest, AtEveryFieldBoundary)
 
 TEST_P(GzipHeaderSplitTest, TwentyRandomSplits)
 {
-    std::mt19937 random(SplitSeed());
+    std::mt19937 random(velatest::SplitSeed());
     const size_t len = GetParam().bytes.size();
     for (int round = 0; round < 20; ++round) {
-        std::vector<size_t> cuts;
-        const size_t count = 1 + random() % (len - 1);
-        for (size_t i = 0; i < count; ++i)
-            cuts.push_back(1 + random() % (len - 1));
-        std::sort(cuts.begin(), cuts.end());
-        cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-        Check(cuts);
+        Check(velatest::RandomCuts(random, len, len - 1));
     }
 }
 
@@ -424,7 +399,7 @@ TEST(GzipHeaderDeathTest, ZeroLengthIsFatal)
 
 TEST(GzipHeaderTest, RandomBytesNeverReadPastTheirLength)
 {
-    std::mt19937 random(SplitSeed());
+    std::mt19937 random(velatest::SplitSeed());
     for (int round = 0; round < 500; ++round) {
         const size_t len = 1 + random() % 64;
         std::string input;

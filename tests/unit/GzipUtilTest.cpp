@@ -31,17 +31,6 @@ const unsigned char KFComment = 0x10;
 
 // ------------------------------------------------------------ test material
 
-unsigned SplitSeed()
-{
-    static const unsigned seed = [] {
-        const char* fixed = std::getenv("VELANET_SPLIT_SEED");
-        const unsigned value = fixed ? static_cast<unsigned>(std::strtoul(fixed, nullptr, 10)) : std::random_device{}();
-        std::cout << "[ split seed ] " << value << " (set VELANET_SPLIT_SEED to repeat)" << std::endl;
-        return value;
-    }();
-    return seed;
-}
-
 // Text of made-up words, compressible but not trivially so.
 std::string Words(size_t size, unsigned seed)
 {
@@ -206,14 +195,6 @@ struct DecodeRun
     std::string unused;
     int largestPiece = 0;
 };
-
-std::string CutsText(const std::vector<size_t>& cuts)
-{
-    std::string text = "cuts:";
-    for (size_t c : cuts)
-        text += " " + std::to_string(c);
-    return text;
-}
 
 // Feeds the pieces between the cuts as the HTTP engine does: a piece is fed
 // again from where the filter stopped as long as the result is
@@ -397,7 +378,7 @@ protected:
     void Check(const std::vector<size_t>& cuts, int outSize = KPiece)
     {
         const StreamRow& row = GetParam();
-        SCOPED_TRACE(CutsText(cuts));
+        SCOPED_TRACE(velatest::CutsText(cuts));
         const DecodeRun run = DecodeFresh(row.mode, row.stream, cuts, outSize);
         ASSERT_FALSE(run.failed);
         EXPECT_EQ(run.ended, row.expectEnd);
@@ -450,7 +431,7 @@ TEST_P(GzipStreamTest, AtHeaderFieldBoundaries)
 
 TEST_P(GzipStreamTest, TwentyRandomSplits)
 {
-    std::mt19937 random(SplitSeed());
+    std::mt19937 random(velatest::SplitSeed());
     const size_t len = GetParam().stream.size();
     if (len < 3)
         return;
@@ -765,7 +746,7 @@ TEST(GzipUtilTest, CorruptStreamsNeverCrashAndFailForGood)
 
 TEST(GzipUtilTest, RandomStreamsNeverCrash)
 {
-    std::mt19937 random(SplitSeed() + 1);
+    std::mt19937 random(velatest::SplitSeed() + 1);
     const std::string validHeader = BuildHeader(0).bytes;
     for (int round = 0; round < 400; ++round) {
         std::string input;
