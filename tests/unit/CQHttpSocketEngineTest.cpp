@@ -1274,12 +1274,18 @@ TEST_F(SocketEngineIapTest, SetIapEngineNullLeavesTheAccessPointEngine)
     EXPECT_EQ(0, iap->GetConnectStateObserverCount());
 }
 
-// The socket engine forgets an access point engine that is destroyed first;
-// its own destruction then touches nothing freed (the sanitizer build checks).
+// The socket engine forgets an access point engine that is destroyed first:
+// it stays idle and silent, still connects, and its own destruction touches
+// nothing freed (the sanitizer build checks that part).
 TEST_F(SocketEngineIapTest, AccessPointEngineDestroyedFirstIsForgotten)
 {
     engine->SetIapEngine(iap.get());
     iap.reset();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&observer));
+    LoopbackServer server;
+    Connect(server);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connected, Status());
     engine.reset();
 }
 

@@ -6,6 +6,7 @@
 #include "BaseClass/src/CCrypt.h"
 #include "BaseClass/src/CQString.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QFile>
@@ -169,8 +170,12 @@ TEST(CQSendUnit, ClearAllKeepsTheOwnsFlagAndLeavesBorrowedData)
     EXPECT_FALSE(unit.m_bOwns);
     EXPECT_EQ('b', borrowed[0]);  // still ours, not freed
 
-    unit.SetData(new unsigned char[4](), 4, true);
-    unit.ClearAll();  // frees the owned block (the sanitizer build checks it)
+    velatest::HeapWatch::Clear();
+    unsigned char* owned = new unsigned char[4]();
+    velatest::HeapWatch::Watch(owned);
+    unit.SetData(owned, 4, true);
+    unit.ClearAll();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(owned));
     EXPECT_TRUE(unit.m_bOwns);
     EXPECT_EQ(nullptr, unit.m_pData);
     unit.ClearAll();  // twice is harmless
@@ -179,10 +184,14 @@ TEST(CQSendUnit, ClearAllKeepsTheOwnsFlagAndLeavesBorrowedData)
 
 TEST(CQSendUnit, DestructorFreesAnOwnedBlock)
 {
+    velatest::HeapWatch::Clear();
     auto unit = std::make_unique<CQSendDataUnit>();
-    unit->SetData(new unsigned char[16](), 16, true);
-    unit.reset();  // a leak here is reported by the sanitizer build
-    SUCCEED();
+    unsigned char* block = new unsigned char[16]();
+    velatest::HeapWatch::Watch(block);
+    unit->SetData(block, 16, true);
+    EXPECT_EQ(block, unit->m_pData);
+    unit.reset();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(block));
 }
 
 // ---------------------------------------------------------------- data unit
@@ -623,9 +632,13 @@ TEST_F(CQSendFileUnitTest, OwnedHeaderIsFreedByClearAll)
 {
     CQSendFileUnit unit;
     WriteFile(dir.File("f.bin"), "x");
-    unit.SetData(new unsigned char[32](), 32, true);
+    velatest::HeapWatch::Clear();
+    unsigned char* header = new unsigned char[32]();
+    velatest::HeapWatch::Watch(header);
+    unit.SetData(header, 32, true);
     ASSERT_EQ(CQSendFileUnit::KOpened, unit.SetFile(Wide(dir.File("f.bin")), 1024));
-    unit.ClearAll();  // the sanitizer build reports a leak or a bad free here
+    unit.ClearAll();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(header));
     ExpectCleared(unit);
 }
 
@@ -635,8 +648,12 @@ TEST_F(CQSendFileUnitTest, DestructorReleasesFileAndBuffer)
     Prepare(*unit, "", Pattern(100, 15), "", 1024);
     unsigned char* p = nullptr;
     ASSERT_EQ(100, unit->LoadData(&p, 1024));
-    unit.reset();  // the sanitizer build reports a leaked read buffer
-    SUCCEED();
+    velatest::HeapWatch::Clear();
+    const unsigned char* buffer = unit->m_pReadBuffer;
+    ASSERT_NE(nullptr, buffer);
+    velatest::HeapWatch::Watch(buffer);
+    unit.reset();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(buffer));
 }
 
 // ---------------------------------------------------------------- fatal paths

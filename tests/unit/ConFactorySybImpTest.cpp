@@ -11,6 +11,7 @@
 #include "src/TcpConnection.h"
 #include "src/internal/IAPConfigurations_p.h"
 
+#include "support/HeapWatch.h"
 #include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
@@ -173,10 +174,19 @@ TEST(ConFactorySybImpTest, RelTcpConTwiceActsOnce)
 
 TEST(ConFactorySybImpTest, DestructorFreesConnectionsStillInSlots)
 {
+    velatest::HeapWatch::Clear();
     auto factory = std::make_unique<CConFactorySybImp>();
-    for (int i = 0; i < 4; ++i)
-        factory->GetTcpCon();
-    factory.reset();  // the sanitizer build reports anything left
+    std::vector<const void*> blocks;
+    for (int i = 0; i < 4; ++i) {
+        ITcpCon* connection = factory->GetTcpCon();
+        ASSERT_NE(nullptr, connection);
+        blocks.push_back(dynamic_cast<void*>(connection));
+        velatest::HeapWatch::Watch(blocks.back());
+    }
+    EXPECT_EQ(4, factory->GetConnectionCount());
+    factory.reset();
+    for (const void* block : blocks)
+        EXPECT_TRUE(velatest::HeapWatch::Freed(block));
 }
 
 // ------------------------------------------------------------ live connections

@@ -3,6 +3,8 @@
 
 #include "src/HttpObserver.h"
 
+#include "support/HeapWatch.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -219,8 +221,12 @@ TEST(HttpObserverTest, AdapterKeepsTheNotifierItWasGiven)
 TEST(HttpObserverTest, AdapterDeletedThroughItsOwnTypeLeavesTheNotifierAlone)
 {
     StrictMock<RecordingNotifier> notifier;
+    velatest::HeapWatch::Clear();
     auto* adapter = new VelaHttpEngineAdapter(&notifier);
-    delete adapter;  // no call reaches the notifier (a strict mock would fail)
+    velatest::HeapWatch::Watch(adapter);
+    delete adapter;
+    EXPECT_TRUE(velatest::HeapWatch::Freed(adapter));
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&notifier));  // no call reached it
 }
 
 // ------------------------------------------------------------ the defaults

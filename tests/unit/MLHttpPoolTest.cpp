@@ -10,6 +10,7 @@
 #include "src/DNSCache.h"
 #include "src/MLHttpEngine.h"
 #include "src/internal/MLHttpEngineTestPeer_p.h"
+#include "support/HeapWatch.h"
 #include "support/ScriptedPeer.h"
 #include "support/TestSupport.h"
 
@@ -23,6 +24,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <type_traits>
 
 // Readable failure messages for the records that pass through the pool.
 void PrintTo(const CQSString& s, std::ostream* os)
@@ -231,14 +233,23 @@ TEST(RequestUnitTest, DailupUnitIsKindOneWithUserDataCleared)
 
 TEST(RequestUnitTest, UnitsAreDeletedThroughTheBase)
 {
+    static_assert(std::has_virtual_destructor<CRequestUnit>::value, "deleted through the base");
+    velatest::HeapWatch::Clear();
     std::unique_ptr<CRequestUnit> get(new CGetRequestUnit);
     get->m_strFilePath = CQWString(QString("/tmp/x"));
     get->m_nUserData = 7;
     std::unique_ptr<CRequestUnit> dailup(new CDailupRequestUnit);
     dailup->m_strURL.SetData("http://a/");
+    EXPECT_EQ(CRequestUnit::KKindGet, get->m_nUnitKind);
+    EXPECT_EQ(CRequestUnit::KKindDailup, dailup->m_nUnitKind);
+    const void* getBlock = dynamic_cast<void*>(get.get());
+    const void* dailupBlock = dynamic_cast<void*>(dailup.get());
+    velatest::HeapWatch::Watch(getBlock);
+    velatest::HeapWatch::Watch(dailupBlock);
     get.reset();
     dailup.reset();
-    SUCCEED();  // ASan run: both released through the virtual destructor
+    EXPECT_TRUE(velatest::HeapWatch::Freed(getBlock));
+    EXPECT_TRUE(velatest::HeapWatch::Freed(dailupBlock));
 }
 
 TEST(RequestUnitTest, EnginePriorityIsAcceptedAndChangesNothing)

@@ -3,6 +3,8 @@
 
 #include "src/RequestHeaderUnit.h"
 
+#include "support/HeapWatch.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -33,10 +35,14 @@ TEST(CQRequestHeaderUnit, StartsEmptyWithOffsetMinusOne)
 TEST(CQRequestHeaderUnit, SetHeaderDataTakesOwnershipAndFreesThePrevious)
 {
     CQRequestHeaderUnit unit;
-    unit.SetHeaderData(NewBytes("GET / HTTP/1.1\r\n\r\n"), 18);
+    velatest::HeapWatch::Clear();
+    unsigned char* first = NewBytes("GET / HTTP/1.1\r\n\r\n");
+    velatest::HeapWatch::Watch(first);
+    unit.SetHeaderData(first, 18);
     EXPECT_EQ(18, unit.m_nHeaderLen);
     unsigned char* second = NewBytes("POST");
-    unit.SetHeaderData(second, 4);  // the first buffer is freed (checked by the sanitizer build)
+    unit.SetHeaderData(second, 4);
+    EXPECT_TRUE(velatest::HeapWatch::Freed(first));
     EXPECT_EQ(second, unit.m_pHeaderData);
     EXPECT_EQ(4, unit.m_nHeaderLen);
     EXPECT_EQ(0, std::memcmp(unit.m_pHeaderData, "POST", 4));
@@ -68,10 +74,14 @@ TEST(CQRequestHeaderUnit, ClearFreesResetsOffsetAndEmptiesTheText)
 
 TEST(CQRequestHeaderUnit, DestructionFreesTheHeader)
 {
+    velatest::HeapWatch::Clear();
     auto unit = std::make_unique<CQRequestHeaderUnit>();
-    unit->SetHeaderData(NewBytes("request"), 7);
-    unit.reset();  // a leak here is reported by the sanitizer build
-    SUCCEED();
+    unsigned char* header = NewBytes("request");
+    velatest::HeapWatch::Watch(header);
+    unit->SetHeaderData(header, 7);
+    EXPECT_FALSE(velatest::HeapWatch::Freed(header));
+    unit.reset();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(header));
 }
 
 // ---------------------------------------------------------------- CQPostFileHeaderUnit
@@ -138,12 +148,18 @@ TEST(CQPostFileHeaderUnit, ClearThroughTheBaseReachesTheTrailer)
 
 TEST(CQPostFileHeaderUnit, DestructionThroughTheBaseFreesBothBuffers)
 {
+    velatest::HeapWatch::Clear();
     std::unique_ptr<CQRequestHeaderUnit> unit(new CQPostFileHeaderUnit);
     auto* fileUnit = static_cast<CQPostFileHeaderUnit*>(unit.get());
-    fileUnit->SetHeaderData(NewBytes("head"), 4);
-    fileUnit->SetInfoData(NewBytes("tail"), 4);
-    unit.reset();  // a leak here is reported by the sanitizer build
-    SUCCEED();
+    unsigned char* head = NewBytes("head");
+    unsigned char* tail = NewBytes("tail");
+    velatest::HeapWatch::Watch(head);
+    velatest::HeapWatch::Watch(tail);
+    fileUnit->SetHeaderData(head, 4);
+    fileUnit->SetInfoData(tail, 4);
+    unit.reset();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(head));
+    EXPECT_TRUE(velatest::HeapWatch::Freed(tail));
 }
 
 // ---------------------------------------------------------------- CQPostOLFileHeaderUnit
@@ -218,11 +234,19 @@ TEST(CQPostOLFileHeaderUnit, ClearFreesTheKeyAndKeepsTheBlockSize)
 
 TEST(CQPostOLFileHeaderUnit, DestructionFreesHeaderAndKey)
 {
+    velatest::HeapWatch::Clear();
     auto unit = std::make_unique<CQPostOLFileHeaderUnit>();
-    unit->SetHeaderData(NewBytes("head"), 4);
-    unit->SetKey("key", 3);
-    unit.reset();  // a leak here is reported by the sanitizer build
-    SUCCEED();
+    unsigned char* head = NewBytes("head");
+    velatest::HeapWatch::Watch(head);
+    unit->SetHeaderData(head, 4);
+    ASSERT_EQ(CQPostOLFileHeaderUnit::KKeySet, unit->SetKey("key", 3));
+    const char* key = unit->m_pKey;
+    ASSERT_NE(nullptr, key);
+    EXPECT_STREQ("key", key);
+    velatest::HeapWatch::Watch(key);
+    unit.reset();
+    EXPECT_TRUE(velatest::HeapWatch::Freed(head));
+    EXPECT_TRUE(velatest::HeapWatch::Freed(key));
 }
 
 }  // namespace

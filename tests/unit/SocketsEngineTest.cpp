@@ -582,9 +582,12 @@ TEST_F(SocketsEngineTest, ReaderAndBearerEventsAreForwarded)
     m_engine->NotifySendData();
     m_engine->OnIapTransferBlocked();
     m_engine->OnIapTransferOpen();
-    // Errors are not passed on.
+    // Errors are not passed on and change nothing.
+    const TSocketsEngineState before = m_engine->State();
     m_engine->ReportError(MEngineNotifier::EGeneralReadError, 5);
     m_engine->ReportError(MEngineNotifier::EGeneralWriteError, -1);
+    EXPECT_EQ(before, m_engine->State());
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&m_notifier));
 }
 
 // ------------------------------------------------------------ access point
@@ -621,6 +624,10 @@ TEST(SocketsEngineIapTest, AccessPointEngineMayGoFirst)
     std::unique_ptr<CSocketsEngine> engine(CSocketsEngine::NewL(notifier, iap));
     iap->AddConnectStateObserver(engine.get());
     delete iap;
+    // Forgotten, not reported: the engine is where it was.
+    EXPECT_EQ(ENotConnected, engine->State());
+    EXPECT_FALSE(engine->Connected());
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&notifier));
     engine.reset();
 }
 

@@ -327,6 +327,11 @@ TEST(SocketsReaderTest, ReadErrorIsPassedUpAsMinusOne)
     EXPECT_CALL(notifier, ResponseReceived(_, -1)).Times(2);
     emit socket.readyRead();
     reader.OnDataReceive();
+    // The reader stays armed: a failed read is reported, not acted on.
+    EXPECT_TRUE(reader.IsActive());
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&notifier));
+    EXPECT_CALL(notifier, ResponseReceived(_, -1)).Times(1);
+    emit socket.readyRead();
 }
 
 TEST(SocketsReaderTest, UnreadableSocketGivesNothing)
@@ -337,6 +342,9 @@ TEST(SocketsReaderTest, UnreadableSocketGivesNothing)
     reader.Start();
     emit socket.readyRead();
     reader.OnDataReceive();
+    EXPECT_TRUE(::testing::Mock::VerifyAndClearExpectations(&notifier));
+    EXPECT_TRUE(reader.IsActive());
+    EXPECT_FALSE(socket.isOpen());
 }
 
 TEST(SocketsReaderTest, NotifierMayDeleteTheReaderInsideTheReport)
