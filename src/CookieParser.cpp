@@ -144,6 +144,36 @@ void EndTokenAt(char* p, char** cursor)
     }
 }
 
+// The token at p, where the leading separators end, with the cursor moved
+// past it: null at the end of the text; the inside of a quoted or bracketed
+// run when runs is set and p opens one; otherwise the characters up to the
+// first delimiter, which becomes NUL.
+template <class Delimiter>
+[[nodiscard]] char* TakeTokenAt(char* p, char** cursor, bool runs, Delimiter isDelimiter)
+{
+    *cursor = p;
+    if (*p == '\0')
+        return nullptr;
+    if (runs && *p == '"')
+        return TakeRun(cursor, '"');
+    if (runs && *p == '<')
+        return TakeRun(cursor, '>');
+    char* start = p;
+    while (*p != '\0' && !isDelimiter(*p))
+        ++p;
+    EndTokenAt(p, cursor);
+    return start;
+}
+
+// The length of text (0 for null), also given in length, capped at INT_MAX:
+// the host finders' answer when the text has no host part of its own.
+[[nodiscard]] std::size_t WholeLength(const char* text, int& length)
+{
+    const std::size_t whole = text != nullptr ? std::strlen(text) : 0;
+    length = whole > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(whole);
+    return whole;
+}
+
 // Moves p on by one character unless it is on the NUL.
 [[nodiscard]] inline const char* SkipOne(const char* p)
 {
@@ -194,18 +224,7 @@ char* CookieParser::HTParseNextField(char** cursor)
         else
             break;
     }
-    *cursor = p;
-    if (*p == '\0')
-        return nullptr;
-    if (*p == '"')
-        return TakeRun(cursor, '"');
-    if (*p == '<')
-        return TakeRun(cursor, '>');
-    char* start = p;
-    while (*p != '\0' && !IsSpace(*p) && *p != ';' && *p != '=' && *p != ',')
-        ++p;
-    EndTokenAt(p, cursor);
-    return start;
+    return TakeTokenAt(p, cursor, true, [](char c) { return IsSpace(c) || c == ';' || c == '=' || c == ','; });
 }
 
 char* CookieParser::HTParseNextValue(char** cursor)
@@ -215,14 +234,7 @@ char* CookieParser::HTParseNextValue(char** cursor)
     char* p = *cursor;
     while (IsSpace(*p))
         ++p;
-    *cursor = p;
-    if (*p == '\0')
-        return nullptr;
-    char* start = p;
-    while (*p != '\0' && *p != ';')
-        ++p;
-    EndTokenAt(p, cursor);
-    return start;
+    return TakeTokenAt(p, cursor, false, [](char c) { return c == ';'; });
 }
 
 char* CookieParser::HTParseNextParam(char** cursor)
@@ -238,18 +250,7 @@ char* CookieParser::HTParseNextParam(char** cursor)
         else
             break;
     }
-    *cursor = p;
-    if (*p == '\0')
-        return nullptr;
-    if (*p == '"')
-        return TakeRun(cursor, '"');
-    if (*p == '<')
-        return TakeRun(cursor, '>');
-    char* start = p;
-    while (*p != '\0' && *p != ';')
-        ++p;
-    EndTokenAt(p, cursor);
-    return start;
+    return TakeTokenAt(p, cursor, true, [](char c) { return c == ';'; });
 }
 
 int CookieParser::HTMake_month(const char* text, const char** end)
@@ -365,11 +366,7 @@ unsigned int CookieParser::HTParseTime(const char* text)
 
 char* CookieParser::HTFindFullHost(const char* text, int& length)
 {
-    length = 0;
-    if (text == nullptr)
-        return nullptr;
-    const std::size_t whole = std::strlen(text);
-    length = whole > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(whole);
+    const std::size_t whole = WholeLength(text, length);
     if (whole == 0)
         return nullptr;
 
@@ -392,11 +389,7 @@ char* CookieParser::HTFindFullHost(const char* text, int& length)
 
 char* CookieParser::HTFindFatherHost(const char* text, int& length)
 {
-    length = 0;
-    if (text == nullptr)
-        return nullptr;
-    const std::size_t whole = std::strlen(text);
-    length = whole > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(whole);
+    const std::size_t whole = WholeLength(text, length);
     if (whole == 0)
         return nullptr;
 

@@ -3,6 +3,19 @@
 #include <cstring>
 #include <new>
 
+namespace {
+
+// One owned array and its length: the old array is freed and data (new[],
+// or null for none) takes its place with len bytes (0 without data).
+void ReplaceOwned(unsigned char*& held, int& heldLen, unsigned char* data, int len)
+{
+    delete[] held;
+    held = data;
+    heldLen = data ? len : 0;
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------- CQRequestHeaderUnit
 
 CQRequestHeaderUnit::~CQRequestHeaderUnit()
@@ -12,16 +25,12 @@ CQRequestHeaderUnit::~CQRequestHeaderUnit()
 
 void CQRequestHeaderUnit::SetHeaderData(unsigned char* data, int len)
 {
-    FreeHeaderData();
-    m_pHeaderData = data;
-    m_nHeaderLen = data ? len : 0;
+    ReplaceOwned(m_pHeaderData, m_nHeaderLen, data, len);
 }
 
 void CQRequestHeaderUnit::FreeHeaderData()
 {
-    delete[] m_pHeaderData;
-    m_pHeaderData = nullptr;
-    m_nHeaderLen = 0;
+    ReplaceOwned(m_pHeaderData, m_nHeaderLen, nullptr, 0);
 }
 
 void CQRequestHeaderUnit::Clear()
@@ -40,16 +49,12 @@ CQPostFileHeaderUnit::~CQPostFileHeaderUnit()
 
 void CQPostFileHeaderUnit::SetInfoData(unsigned char* data, int len)
 {
-    FreeInfoData();
-    m_pInfoData = data;
-    m_nInfoDataLen = data ? len : 0;
+    ReplaceOwned(m_pInfoData, m_nInfoDataLen, data, len);
 }
 
 void CQPostFileHeaderUnit::FreeInfoData()
 {
-    delete[] m_pInfoData;
-    m_pInfoData = nullptr;
-    m_nInfoDataLen = 0;
+    ReplaceOwned(m_pInfoData, m_nInfoDataLen, nullptr, 0);
 }
 
 void CQPostFileHeaderUnit::Clear()

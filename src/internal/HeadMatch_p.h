@@ -185,19 +185,33 @@ template <class Match>
     return KNotFound;
 }
 
+// The checks every search makes first, with a negative start taken as 0.
+// True when candidates start..len-textLen remain to be looked at; false
+// with the answer set: KNotFound for a null buffer, a negative length, a
+// start past the end or a text longer than what is left, start for an
+// empty text.
+[[nodiscard]] inline bool SearchNeeded(const unsigned char* buf, int len, int textLen, int& start, int& answer)
+{
+    if (start < 0)
+        start = 0;
+    answer = KNotFound;
+    if (!buf || len < 0 || start > len || textLen < 0)
+        return false;
+    if (textLen == 0) {
+        answer = start;
+        return false;
+    }
+    return textLen <= len - start;
+}
+
 // FindNoCase through memchr on the case-free anchor byte, or on both cases
 // of the first byte when every byte is a letter: the search on targets
 // without SSE2.
 [[nodiscard]] inline int FindNoCaseByMemchr(const unsigned char* buf, int len, const NoCaseText& text, int start = 0)
 {
-    if (start < 0)
-        start = 0;
-    if (!buf || len < 0 || start > len)
-        return KNotFound;
-    if (text.len == 0)
-        return start;
-    if (text.len > len - start)
-        return KNotFound;
+    int answer = KNotFound;
+    if (!SearchNeeded(buf, len, text.len, start, answer))
+        return answer;
     const unsigned char* const lastCandidate = buf + (len - text.len);
 
     if (text.anchor >= 0) {
@@ -243,14 +257,9 @@ template <class Match>
 // case; KNotFound when there is none. An empty text is found at start.
 [[nodiscard]] inline int FindNoCase(const unsigned char* buf, int len, const NoCaseText& text, int start = 0)
 {
-    if (start < 0)
-        start = 0;
-    if (!buf || len < 0 || start > len)
-        return KNotFound;
-    if (text.len == 0)
-        return start;
-    if (text.len > len - start)
-        return KNotFound;
+    int answer = KNotFound;
+    if (!SearchNeeded(buf, len, text.len, start, answer))
+        return answer;
 #if defined(__SSE2__)
     return ScanTwoProbes(buf, start, len - text.len, MakeProbe(text.text, 0, true), SecondProbe(text),
                          [&](int i) { return EqualNoCase(buf + i, text.text, text.len); });
@@ -263,14 +272,9 @@ template <class Match>
 // byte; KNotFound when there is none. An empty text is found at start.
 [[nodiscard]] inline int FindExact(const unsigned char* buf, int len, const char* text, int textLen, int start = 0)
 {
-    if (start < 0)
-        start = 0;
-    if (!buf || len < 0 || start > len || textLen < 0)
-        return KNotFound;
-    if (textLen == 0)
-        return start;
-    if (textLen > len - start)
-        return KNotFound;
+    int answer = KNotFound;
+    if (!SearchNeeded(buf, len, textLen, start, answer))
+        return answer;
     return ScanTwoProbes(buf, start, len - textLen, MakeProbe(text, 0, false), MakeProbe(text, textLen - 1, false),
                          [&](int i) { return std::memcmp(buf + i, text, static_cast<size_t>(textLen)) == 0; });
 }
