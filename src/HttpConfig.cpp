@@ -71,7 +71,10 @@ void CHttpConfig::AddHeader(const CQSString& key, const CQSString& value)
     RemoveHeader(key);
     CQSString* keyCopy = new (std::nothrow) CQSString(key);
     CQSString* valueCopy = new (std::nothrow) CQSString(value);
-    if (!keyCopy || !valueCopy) {
+    // A copy whose text could not be allocated comes out empty: an empty
+    // name or value must never be sent, so the pair is dropped.
+    if (!keyCopy || !valueCopy || keyCopy->GetLength() != key.GetLength() ||
+        valueCopy->GetLength() != value.GetLength()) {
         delete keyCopy;
         delete valueCopy;
         return;

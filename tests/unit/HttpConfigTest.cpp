@@ -3,6 +3,7 @@
 #include "src/HttpConfig.h"
 
 #include "BaseClass/src/CQInstance.h"
+#include "support/HeapWatch.h"
 
 #include <gtest/gtest.h>
 
@@ -126,6 +127,32 @@ TEST_F(HttpConfigTest, LivesInTheRegistryUnderUid11)
 {
     Add("X-A", "1");
     EXPECT_NE(nullptr, CQInstance::Instance()->GetByUid(11));
+}
+
+// Each allocation of AddHeader fails in turn: the header is then either
+// stored whole or not at all, the two lists stay in step, and an entry
+// stored before is kept.
+TEST_F(HttpConfigTest, AnAllocationThatFailsLeavesTheListWhole)
+{
+    Add("X-B", "kept");
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CQSString key("X-A");
+        CQSString value("1");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        CHttpConfig::AddHeader(key, value);
+        velatest::HeapWatch::StopFailing();
+        const std::vector<std::string> lines = All();
+        if (lines.size() == 2) {
+            // Every allocation the call makes got through.
+            EXPECT_EQ((std::vector<std::string>{"X-B: kept", "X-A: 1"}), lines);
+            break;
+        }
+        EXPECT_EQ(std::vector<std::string>{"X-B: kept"}, lines);
+    }
+    EXPECT_GT(skip, 0) << "the first allocation failed and yet the header was stored";
+    EXPECT_LT(skip, 64);
 }
 
 TEST_F(HttpConfigTest, EmptyNameOrValueIsFatal)
