@@ -190,6 +190,14 @@ int CQFile::Write(const void* data, int n)
 
 int CQFile::Seek(int pos, int from)
 {
+    const long long at = Seek64(pos, from);
+    if (at < 0 || at > INT_MAX)
+        return KError;
+    return static_cast<int>(at);
+}
+
+long long CQFile::Seek64(long long pos, int from)
+{
     if (m_nFd < 0)
         return KError;
     int whence;
@@ -208,13 +216,22 @@ int CQFile::Seek(int pos, int from)
     }
     if (!FlushCache())
         return KError;
+    static_assert(sizeof(off_t) >= 8, "64-bit file offsets");
     const off_t at = ::lseek(m_nFd, static_cast<off_t>(pos), whence);
-    if (at < 0 || at > INT_MAX)
+    if (at < 0)
         return KError;
-    return static_cast<int>(at);
+    return static_cast<long long>(at);
 }
 
 int CQFile::GetLength()
+{
+    const long long length = GetLength64();
+    if (length < 0 || length > INT_MAX)
+        return KError;
+    return static_cast<int>(length);
+}
+
+long long CQFile::GetLength64()
 {
     if (m_nFd < 0)
         return KError;
@@ -230,9 +247,7 @@ int CQFile::GetLength()
         if (at + m_nCacheUsed > length)
             length = at + m_nCacheUsed;
     }
-    if (length > INT_MAX)
-        return KError;
-    return static_cast<int>(length);
+    return static_cast<long long>(length);
 }
 
 int CQFile::Flush()
@@ -306,6 +321,14 @@ int CQFile::RecursiveDelDir(const CQWString& path)
 
 int CQFile::GetFileLenght(const CQWString& path)
 {
+    const long long length = GetFileLength64(path);
+    if (length < 0 || length > INT_MAX)
+        return KError;
+    return static_cast<int>(length);
+}
+
+long long CQFile::GetFileLength64(const CQWString& path)
+{
     const QByteArray name = LocalName(path.GetDataPtr());
     if (name.isEmpty())
         return KError;
@@ -316,7 +339,7 @@ int CQFile::GetFileLenght(const CQWString& path)
     if (fd < 0)
         return KError;
     struct stat info;
-    const bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= INT_MAX;
+    const bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     ::close(fd);
-    return ok ? static_cast<int>(info.st_size) : KError;
+    return ok ? static_cast<long long>(info.st_size) : KError;
 }

@@ -55,12 +55,17 @@ public:
 
     // Move the position to pos from the start (0), the current position (1)
     // or the end (2), after writing out the cache. Returns the new position
-    // from the start, negative on error.
+    // from the start, negative on error or when it does not fit in an int
+    // (the position has moved then all the same: use Seek64 past 2 GiB).
     int Seek(int pos, int from);
+    // Seek with 64-bit positions: files of any length.
+    long long Seek64(long long pos, int from);
 
     // Length of the file in bytes, counting cached bytes not yet written.
     // Negative on error or when the length does not fit in an int.
     int GetLength();
+    // GetLength with a 64-bit result: files of any length.
+    long long GetLength64();
 
     // Write out the cache. Nonzero on success.
     int Flush();
@@ -86,6 +91,8 @@ public:
     // Length of a readable regular file; negative when it cannot be opened
     // for reading, is not a regular file, or is longer than an int can hold.
     static int GetFileLenght(const CQWString& path);
+    // GetFileLenght with a 64-bit result: files of any length.
+    static long long GetFileLength64(const CQWString& path);
 
 private:
     int OpenFile(const wchar_t* path, unsigned mode, int cacheBytes);

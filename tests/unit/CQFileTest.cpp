@@ -690,3 +690,131 @@ TEST(CQFile, GetFileLenghtOfDanglingLinkIsNegative)
     CQFile file;
     EXPECT_EQ(0, file.Open(W(link).c_str(), 0));
 }
+
+// --- 64-bit lengths and positions ----------------------------------------
+// Sparse files: their length costs no disk space, and every byte reads as 0
+// except the markers written in.
+
+namespace {
+
+constexpr long long KTwoGiB = 2147483648LL;   // 2^31, one past the largest int
+constexpr long long KFourGiB = 4294967296LL;  // 2^32
+
+// A sparse file of length bytes with marker written at offset (offset < 0:
+// none). False when the file system refuses the length.
+bool MakeSparse(const QString& path, long long length, long long offset = -1, char marker = 0)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || !file.resize(length))
+        return false;
+    if (offset >= 0)
+        return file.seek(offset) && file.write(&marker, 1) == 1;
+    return true;
+}
+
+}  // namespace
+
+TEST(CQFile, LengthAtTheEdgeOfAnInt)
+{
+    velatest::TempDir dir;
+    const QString atEdge = dir.File("edge");
+    const QString pastEdge = dir.File("past");
+    ASSERT_TRUE(MakeSparse(atEdge, KTwoGiB - 1));
+    ASSERT_TRUE(MakeSparse(pastEdge, KTwoGiB));
+
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(atEdge), CQFile::KModeRead));
+    EXPECT_EQ(2147483647, file.GetLength());
+    EXPECT_EQ(KTwoGiB - 1, file.GetLength64());
+    ASSERT_NE(0, file.Open(CQWString(pastEdge), CQFile::KModeRead));
+    EXPECT_LT(file.GetLength(), 0);  // documented: does not fit an int
+    EXPECT_EQ(KTwoGiB, file.GetLength64());
+
+    EXPECT_EQ(2147483647, CQFile::GetFileLenght(CQWString(atEdge)));
+    EXPECT_EQ(KTwoGiB - 1, CQFile::GetFileLength64(CQWString(atEdge)));
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(pastEdge)), 0);
+    EXPECT_EQ(KTwoGiB, CQFile::GetFileLength64(CQWString(pastEdge)));
+}
+
+TEST(CQFile, LengthAtTheEdgeOf32Bits)
+{
+    velatest::TempDir dir;
+    const QString atEdge = dir.File("edge");
+    const QString pastEdge = dir.File("past");
+    ASSERT_TRUE(MakeSparse(atEdge, KFourGiB - 1));
+    ASSERT_TRUE(MakeSparse(pastEdge, KFourGiB));
+    EXPECT_EQ(KFourGiB - 1, CQFile::GetFileLength64(CQWString(atEdge)));
+    EXPECT_EQ(KFourGiB, CQFile::GetFileLength64(CQWString(pastEdge)));
+    EXPECT_LT(CQFile::GetFileLenght(CQWString(pastEdge)), 0);  // never wraps to 0
+}
+
+TEST(CQFile, GetFileLength64OfMissingFileOrDirectoryIsNegative)
+{
+    velatest::TempDir dir;
+    EXPECT_LT(CQFile::GetFileLength64(CQWString(dir.File("missing"))), 0);
+    EXPECT_LT(CQFile::GetFileLength64(CQWString(dir.Path())), 0);
+    EXPECT_LT(CQFile::GetFileLength64(CQWString()), 0);
+}
+
+TEST(CQFile, Seek64ReadsMarkersPast2And4GiB)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("sparse");
+    const long long length = 5 * (1LL << 30);
+    ASSERT_TRUE(MakeSparse(path, length, KFourGiB + 3, 'Q'));
+    {
+        QFile more(path);
+        ASSERT_TRUE(more.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(more.seek(KTwoGiB + 1));
+        ASSERT_EQ(1, more.write("P", 1));
+    }
+
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeRead));
+    EXPECT_EQ(length, file.GetLength64());
+    char c = 0;
+    EXPECT_EQ(KTwoGiB + 1, file.Seek64(KTwoGiB + 1, CQFile::KSeekBegin));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('P', c);
+    EXPECT_EQ(KFourGiB + 3, file.Seek64(KFourGiB + 3, CQFile::KSeekBegin));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('Q', c);
+    EXPECT_EQ(0, file.Read(&c, 0));
+    EXPECT_EQ(1, file.Read(&c, 1));
+    EXPECT_EQ('\0', c);  // a hole reads as zero
+    EXPECT_EQ(KFourGiB + 3, file.Seek64(-2, CQFile::KSeekCurrent));
+    EXPECT_EQ(length - 1, file.Seek64(-1, CQFile::KSeekEnd));
+    EXPECT_LT(file.Seek64(-1, CQFile::KSeekBegin), 0);
+    EXPECT_LT(file.Seek64(0, 3), 0);
+}
+
+TEST(CQFile, SeekPastAnIntFailsInTheIntForm)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("sparse");
+    ASSERT_TRUE(MakeSparse(path, KTwoGiB + 10));
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeRead));
+    EXPECT_EQ(2147483647, file.Seek(2147483647, CQFile::KSeekBegin));
+    EXPECT_LT(file.Seek(1, CQFile::KSeekCurrent), 0);  // 2^31: does not fit
+    EXPECT_EQ(KTwoGiB, file.Seek64(0, CQFile::KSeekCurrent));
+    EXPECT_EQ(KTwoGiB + 10, file.Seek64(0, CQFile::KSeekEnd));
+}
+
+TEST(CQFile, WritesPast4GiBWithSeek64)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("written");
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(CQWString(path), CQFile::KModeWrite, 500));
+    EXPECT_EQ(KFourGiB + 7, file.Seek64(KFourGiB + 7, CQFile::KSeekBegin));
+    EXPECT_EQ(3, file.Write("xyz", 3));
+    EXPECT_EQ(KFourGiB + 10, file.GetLength64());  // cached bytes counted
+    EXPECT_LT(file.GetLength(), 0);
+    ASSERT_NE(0, file.Close());
+    EXPECT_EQ(KFourGiB + 10, QFileInfo(path).size());
+    QFile check(path);
+    ASSERT_TRUE(check.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(check.seek(KFourGiB + 6));
+    EXPECT_EQ(QByteArray("\0xyz", 4), check.read(4));
+}
