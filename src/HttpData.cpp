@@ -452,9 +452,15 @@ unsigned char* CHttpData::GetMethodData(int method, int& len, int encodingMode, 
 
 unsigned char* CHttpData::PartialGetMethodData(int& len, int encodingMode, bool absoluteTarget, int rangeStart)
 {
+    return PartialGetMethodData64(len, encodingMode, absoluteTarget, rangeStart);
+}
+
+unsigned char* CHttpData::PartialGetMethodData64(int& len, int encodingMode, bool absoluteTarget,
+                                                 long long rangeStart)
+{
     if (m_strURL.IsEmpty())
         return nullptr;
-    return HttpHead_Get(len, encodingMode, absoluteTarget, rangeStart, false, 0);
+    return HttpHead_Get64(len, encodingMode, absoluteTarget, rangeStart, false, 0);
 }
 
 void CHttpData::BuildCookieLine(CQSString& line) const
@@ -487,6 +493,12 @@ void CHttpData::BuildCookieLine(CQSString& line) const
 
 unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absoluteTarget, int rangeStart,
                                        bool withIdVersion, unsigned int idVersion)
+{
+    return HttpHead_Get64(len, encodingMode, absoluteTarget, rangeStart, withIdVersion, idVersion);
+}
+
+unsigned char* CHttpData::HttpHead_Get64(int& len, int encodingMode, bool absoluteTarget, long long rangeStart,
+                                         bool withIdVersion, unsigned int idVersion)
 {
     int hostLen = 0;
     const char* host = FindHostURL(hostLen);
@@ -767,6 +779,19 @@ void CHttpResponseHead::Reset()
     m_bPrivate = false;
     m_bNoStore = false;
     m_nContentEncoding = KContentEncodingNone;
+    m_nContentLength64 = KNotGiven;
+    m_nRangeStart64 = KNotGiven;
+    m_nRangeTotal64 = KNotGiven;
+    m_bContentLengthInvalid = false;
+}
+
+int CHttpResponseHead::SaturatedInt(long long value)
+{
+    if (value > KIntSaturated)
+        return KIntSaturated;
+    if (value < INT_MIN)
+        return INT_MIN;
+    return static_cast<int>(value);
 }
 
 CHttpResponseHead& CHttpResponseHead::operator=(const CHttpResponseHead& other)
@@ -805,6 +830,10 @@ CHttpResponseHead& CHttpResponseHead::operator=(const CHttpResponseHead& other)
     m_nMaxAge = other.m_nMaxAge;
     m_bPrivate = other.m_bPrivate;
     m_bNoStore = other.m_bNoStore;
+    m_nContentLength64 = other.m_nContentLength64;
+    m_nRangeStart64 = other.m_nRangeStart64;
+    m_nRangeTotal64 = other.m_nRangeTotal64;
+    m_bContentLengthInvalid = other.m_bContentLengthInvalid;
     // The content encoding is deliberately not copied.
     return *this;
 }
@@ -863,13 +892,30 @@ int CHttpData::GetContentLenght(const unsigned char* buf, int len, int& n, CHttp
     if (FindField(buf, len, KFieldContentLength, 0, value)) {
         CQSString text = ValueOf(buf, value);
         text.TrimRightAndLeft();
-        n = text.ToINT();
-        head.m_nContentLength = n;
         head.m_nBodyType = CHttpResponseHead::KBodyByLength;
+        // A length starts with a digit (RFC 9110, section 8.6): a sign or
+        // any other text is no length, and neither is one past 2^63 - 1.
+        // What follows the digits is ignored, as ToINT ignores it.
+        bool fits = false;
+        const long long length = text.ToINT64(&fits);
+        const bool digitFirst = text.GetAt(0) >= '0' && text.GetAt(0) <= '9';
+        if (!digitFirst || !fits || length < 0) {
+            n = CHttpResponseHead::KNotGiven;
+            head.m_nContentLength = CHttpResponseHead::KNotGiven;
+            head.m_nContentLength64 = CHttpResponseHead::KNotGiven;
+            head.m_bContentLengthInvalid = true;
+            return KFieldAbsent;
+        }
+        n = CHttpResponseHead::SaturatedInt(length);
+        head.m_nContentLength = n;
+        head.m_nContentLength64 = length;
+        head.m_bContentLengthInvalid = false;
         return n;
     }
     n = CHttpResponseHead::KNotGiven;
     head.m_nContentLength = CHttpResponseHead::KNotGiven;
+    head.m_nContentLength64 = CHttpResponseHead::KNotGiven;
+    head.m_bContentLengthInvalid = false;
     // "chunked" may stand anywhere after the Transfer-Encoding field text.
     if (FindField(buf, len, KFieldTransferEncoding, 0, value) &&
         FindNoCase(buf, len, KTextChunked, value.start) != KNotFound)
@@ -886,17 +932,23 @@ int CHttpData::GetContentRange(const unsigned char* buf, int len, CHttpResponseH
     FieldValue value;
     if (FindField(buf, len, KFieldContentRange, 0, value)) {
         const int dash = FindLiteral(buf, value.end, "-", value.start);
-        if (dash != KNotFound) {
-            head.m_nRangeStart = TextOf(buf, value.start, dash).ToINT();
-            const int slash = FindLiteral(buf, value.end, "/", dash + 1);
-            if (slash != KNotFound) {
-                head.m_nRangeTotal = TextOf(buf, slash + 1, value.end).ToINT();
-                return KFieldParsed;
-            }
+        bool startFits = false;
+        const long long start = dash != KNotFound ? TextOf(buf, value.start, dash).ToINT64(&startFits) : 0;
+        const int slash = dash != KNotFound ? FindLiteral(buf, value.end, "/", dash + 1) : KNotFound;
+        bool totalFits = false;
+        const long long total = slash != KNotFound ? TextOf(buf, slash + 1, value.end).ToINT64(&totalFits) : 0;
+        if (slash != KNotFound && startFits && totalFits) {
+            head.m_nRangeStart = CHttpResponseHead::SaturatedInt(start);
+            head.m_nRangeStart64 = start;
+            head.m_nRangeTotal = CHttpResponseHead::SaturatedInt(total);
+            head.m_nRangeTotal64 = total;
+            return KFieldParsed;
         }
     }
     head.m_nRangeStart = CHttpResponseHead::KNotGiven;
     head.m_nRangeTotal = CHttpResponseHead::KNotGiven;
+    head.m_nRangeStart64 = CHttpResponseHead::KNotGiven;
+    head.m_nRangeTotal64 = CHttpResponseHead::KNotGiven;
     return KFieldAbsent;
 }
 

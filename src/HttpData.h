@@ -88,6 +88,24 @@ public:
     bool m_bNoStore;
     int m_nContentEncoding;    // KContentEncoding*
 
+    // 64-bit companions of the length and range fields, for bodies and
+    // ranges of any size up to 2^63 - 1 bytes. The int fields above hold the
+    // same values whenever they fit an int; a larger value leaves them at
+    // KIntSaturated (2147483647) instead of wrapping.
+    long long m_nContentLength64;  // -1 when not given or not a length
+    long long m_nRangeStart64;     // Content-Range first byte, -1 when not given
+    long long m_nRangeTotal64;     // Content-Range complete length, -1 when not given
+    // A Content-Length value was given but is no length this library can
+    // hold: no leading digit (garbage, a sign) or more than 2^63 - 1. Both
+    // lengths are -1 then and the framing stays KBodyByLength; the HTTP
+    // engine fails such a response (KErrorLengthUnrepresentable).
+    bool m_bContentLengthInvalid;
+
+    // What an int field holds for a value larger than an int.
+    static constexpr int KIntSaturated = 2147483647;
+    // A 64-bit value as its int field shows it.
+    static int SaturatedInt(long long value);
+
 private:
     void DeleteCookieLines();
 };
@@ -164,8 +182,13 @@ public:
                                  int bodyLen = 0, const unsigned char* body = nullptr, bool withIdVersion = false,
                                  unsigned int idVersion = 0);
     unsigned char* PartialGetMethodData(int& len, int encodingMode, bool absoluteTarget, int rangeStart);
+    // The same from a 64-bit offset ("Range: bytes=2684354560-"); -1 sends
+    // no Range line, like the int form.
+    unsigned char* PartialGetMethodData64(int& len, int encodingMode, bool absoluteTarget, long long rangeStart);
     unsigned char* HttpHead_Get(int& len, int encodingMode, bool absoluteTarget, int rangeStart,
                                 bool withIdVersion, unsigned int idVersion);
+    unsigned char* HttpHead_Get64(int& len, int encodingMode, bool absoluteTarget, long long rangeStart,
+                                  bool withIdVersion, unsigned int idVersion);
     unsigned char* HttpHead_Post(int& len, int encodingMode, int bodyLen, const unsigned char* body,
                                  bool absoluteTarget, bool multipart, bool withIdVersion, unsigned int idVersion);
 
@@ -237,9 +260,14 @@ public:
     int GetResponseHead(const unsigned char* buf, int len, CHttpResponseHead& head);
 
     // Content-Length (n and the head's length, framing 256); otherwise -1
-    // with framing 512 (chunked) or 768. Returns the length or -1.
+    // with framing 512 (chunked) or 768. Returns the length or -1. n and the
+    // int field saturate at KIntSaturated; m_nContentLength64 has the whole
+    // value. A value that is no length sets m_bContentLengthInvalid, both
+    // lengths -1, framing 256, and returns -1.
     static int GetContentLenght(const unsigned char* buf, int len, int& n, CHttpResponseHead& head);
     // "Content-Range: bytes start-end/total"; on failure both fields -1.
+    // The 64-bit fields get the whole values; a start or total past
+    // 2^63 - 1 is a failure.
     static int GetContentRange(const unsigned char* buf, int len, CHttpResponseHead& head);
     // Content type codes and charset.
     static int GetContentType(const unsigned char* buf, int len, CHttpResponseHead& head);

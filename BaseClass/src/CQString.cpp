@@ -343,6 +343,35 @@ int CQSString::ToINT() const
     return static_cast<int>(negative ? 0u - value : value);
 }
 
+long long CQSString::ToINT64(bool* fits) const
+{
+    const char* data = GetDataPtr();
+    const int len = GetLength();
+    int i = 0;
+    while (i < len && IsBlank(data[i]))
+        ++i;
+    const bool negative = i < len && data[i] == '-';
+    if (negative)
+        ++i;
+    constexpr unsigned long long KMax = static_cast<unsigned long long>(LLONG_MAX);
+    unsigned long long value = 0;
+    bool inRange = true;
+    for (; i < len && data[i] >= '0' && data[i] <= '9'; ++i) {
+        const unsigned long long digit = static_cast<unsigned long long>(data[i] - '0');
+        if (value > (KMax - digit) / 10u) {
+            inRange = false;
+            value = KMax;
+            continue;  // the rest of the digits are read past, not counted
+        }
+        value = value * 10u + digit;
+    }
+    if (fits)
+        *fits = inRange;
+    if (!inRange)
+        return negative ? LLONG_MIN : LLONG_MAX;
+    return negative ? -static_cast<long long>(value) : static_cast<long long>(value);
+}
+
 unsigned int CQSString::ToUINT() const
 {
     const char* data = GetDataPtr();

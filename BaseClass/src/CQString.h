@@ -94,6 +94,11 @@ public:
     // non-digit; 0 when there is no digit. Overflow wraps as 32-bit values.
     int ToINT() const;
     unsigned int ToUINT() const;
+    // ToINT read in 64 bits: the same blanks, sign and digits. Digits past
+    // 2^63 - 1 do not wrap: the result is clamped to the largest (or, after
+    // '-', the smallest) long long and *fits, when given, is set to false;
+    // otherwise *fits is set to true.
+    long long ToINT64(bool* fits = nullptr) const;
     // Hexadecimal value of the leading hex digits after leading CR, LF,
     // space and tab; the first non-hex character ends the number (so a chunk
     // extension after the size is ignored); 0 when there is no digit.

@@ -922,6 +922,50 @@ const IntRow kToIntRows[] = {
 
 INSTANTIATE_TEST_SUITE_P(Rows, CQSStringToINT, ::testing::ValuesIn(kToIntRows), RowName<IntRow>);
 
+// ToINT64: the same reading in 64 bits; past 2^63 - 1 it clamps and says so.
+
+struct Int64Row
+{
+    const char* name;
+    const char* text;
+    long long expected;
+    bool fits;
+};
+
+void PrintTo(const Int64Row& row, std::ostream* os) { *os << row.name; }
+
+class CQSStringToINT64 : public ::testing::TestWithParam<Int64Row>
+{
+};
+
+TEST_P(CQSStringToINT64, Value)
+{
+    bool fits = !GetParam().fits;
+    EXPECT_EQ(GetParam().expected, CQSString(GetParam().text).ToINT64(&fits)) << "text \"" << GetParam().text << "\"";
+    EXPECT_EQ(GetParam().fits, fits);
+    EXPECT_EQ(GetParam().expected, CQSString(GetParam().text).ToINT64());
+}
+
+const Int64Row kToInt64Rows[] = {
+    {"empty", "", 0, true},
+    {"digits-after-blanks", " \t42x", 42, true},
+    {"negative", "-42", -42, true},
+    {"letters-only", "abc", 0, true},
+    {"int-max", "2147483647", 2147483647LL, true},
+    {"int-max-plus-one", "2147483648", 2147483648LL, true},
+    {"uint-max", "4294967295", 4294967295LL, true},
+    {"uint-max-plus-one", "4294967296", 4294967296LL, true},
+    {"int64-max", "9223372036854775807", LLONG_MAX, true},
+    {"int64-max-plus-one-clamps", "9223372036854775808", LLONG_MAX, false},
+    {"two-to-the-64-clamps", "18446744073709551616", LLONG_MAX, false},
+    {"thirty-digits-clamp", "123456789012345678901234567890", LLONG_MAX, false},
+    {"leading-zeros-fit", "000000000000000000000000000009", 9, true},
+    {"int64-min-plus-one", "-9223372036854775807", -LLONG_MAX, true},
+    {"negative-past-clamps", "-9223372036854775808", LLONG_MIN, false},
+};
+
+INSTANTIATE_TEST_SUITE_P(Rows, CQSStringToINT64, ::testing::ValuesIn(kToInt64Rows), RowName<Int64Row>);
+
 TEST(CQSString, ToIntStopsAtEmbeddedNul)
 {
     EXPECT_EQ(1, CQSString("1\0" "2", 3).ToINT());

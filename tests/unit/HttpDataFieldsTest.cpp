@@ -518,16 +518,102 @@ TEST_F(ContentLengthTest, FoundInBodyBytesToo)
     EXPECT_EQ("ret=42 n=42 length=42 framing=256", Parse("HTTP/1.1 200 OK\r\n\r\n<p>Content-Length: 42\r\n"));
 }
 
-TEST_F(ContentLengthTest, NonDigitsReadAsZero)
+TEST_F(ContentLengthTest, TextAfterTheDigitsIsIgnored)
 {
-    EXPECT_EQ("ret=0 n=0 length=0 framing=256", Parse("Content-Length: abc\r\n"));
     EXPECT_EQ("ret=12 n=12 length=12 framing=256", Parse("Content-Length: 12abc\r\n"));
+}
+
+TEST_F(ContentLengthTest, NoLeadingDigitIsNoLength)
+{
+    // Framed by a length that cannot be read: the engine fails the response.
+    EXPECT_EQ("ret=-1 n=-1 length=-1 framing=256", Parse("Content-Length: abc\r\n"));
+    EXPECT_EQ("ret=-1 n=-1 length=-1 framing=256", Parse("Content-Length: -5\r\n"));
+    EXPECT_EQ("ret=-1 n=-1 length=-1 framing=256", Parse("Content-Length: +5\r\n"));
 }
 
 TEST_F(ContentLengthTest, NullOrEmptyBufferIsAbsent)
 {
     EXPECT_EQ("ret=-1 n=-1 length=-1 framing=768", ParseLength(nullptr, 0));
     EXPECT_EQ("ret=-1 n=-1 length=-1 framing=768", Parse(""));
+}
+
+// ------------------------------------------------------------ 64-bit lengths
+// The int field keeps its value wherever the value fits an int and holds
+// 2147483647 above that; the 64-bit field holds the value up to 2^63 - 1.
+// Past that, or without a leading digit, the length is invalid.
+
+struct Length64Row
+{
+    const char* name;
+    const char* value;
+    const char* expected;
+};
+
+void PrintTo(const Length64Row& row, std::ostream* os) { *os << row.name; }
+
+std::string ParseLength64(const std::string& value)
+{
+    Bytes b("HTTP/1.1 200 OK\r\nContent-Length: " + value + "\r\n\r\n");
+    CHttpData data;
+    CHttpResponseHead head;
+    int n = -7;
+    const int r = data.GetContentLenght(b.Data(), b.Len(), n, head);
+    std::ostringstream os;
+    os << "ret=" << r << " n=" << n << " length=" << head.m_nContentLength << " length64="
+       << head.m_nContentLength64 << " invalid=" << head.m_bContentLengthInvalid << " framing=" << head.m_nBodyType;
+    return os.str();
+}
+
+const Length64Row kLength64Rows[] = {
+    {"largest-int", "2147483647", "ret=2147483647 n=2147483647 length=2147483647 length64=2147483647 invalid=0 framing=256"},
+    {"one-past-int", "2147483648", "ret=2147483647 n=2147483647 length=2147483647 length64=2147483648 invalid=0 framing=256"},
+    {"largest-32-bit", "4294967295", "ret=2147483647 n=2147483647 length=2147483647 length64=4294967295 invalid=0 framing=256"},
+    {"one-past-32-bit", "4294967296", "ret=2147483647 n=2147483647 length=2147483647 length64=4294967296 invalid=0 framing=256"},
+    {"ten-past-32-bit", "4294967306", "ret=2147483647 n=2147483647 length=2147483647 length64=4294967306 invalid=0 framing=256"},
+    {"largest-63-bit", "9223372036854775807",
+     "ret=2147483647 n=2147483647 length=2147483647 length64=9223372036854775807 invalid=0 framing=256"},
+    {"one-past-63-bit", "9223372036854775808", "ret=-1 n=-1 length=-1 length64=-1 invalid=1 framing=256"},
+    {"two-to-the-64", "18446744073709551616", "ret=-1 n=-1 length=-1 length64=-1 invalid=1 framing=256"},
+    {"thirty-digits", "123456789012345678901234567890", "ret=-1 n=-1 length=-1 length64=-1 invalid=1 framing=256"},
+    {"leading-zeros", "0000000000000000000000000000042", "ret=42 n=42 length=42 length64=42 invalid=0 framing=256"},
+    {"zero", "0", "ret=0 n=0 length=0 length64=0 invalid=0 framing=256"},
+    {"negative", "-1", "ret=-1 n=-1 length=-1 length64=-1 invalid=1 framing=256"},
+    {"garbage", "lots", "ret=-1 n=-1 length=-1 length64=-1 invalid=1 framing=256"},
+};
+
+class ContentLength64Table : public ::testing::TestWithParam<Length64Row>
+{
+};
+
+TEST_P(ContentLength64Table, Value)
+{
+    EXPECT_EQ(GetParam().expected, ParseLength64(GetParam().value));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ContentLength64Table, ::testing::ValuesIn(kLength64Rows), RowName<Length64Row>);
+
+TEST(ContentLength64, AbsentLengthResetsTheCompanionsAndTheFlag)
+{
+    CHttpData data;
+    CHttpResponseHead head;
+    head.m_nContentLength64 = 5;
+    head.m_bContentLengthInvalid = true;
+    Bytes b(std::string("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"));
+    int n = 0;
+    EXPECT_EQ(-1, data.GetContentLenght(b.Data(), b.Len(), n, head));
+    EXPECT_EQ(-1, head.m_nContentLength64);
+    EXPECT_FALSE(head.m_bContentLengthInvalid);
+}
+
+TEST(ContentLength64, ThroughTheWholeHead)
+{
+    CHttpData data;
+    CHttpResponseHead head;
+    Bytes b(std::string("HTTP/1.1 200 OK\r\nContent-Length: 5368709120\r\n\r\n"));
+    ASSERT_EQ(CHttpData::KHeadComplete, data.GetResponseHead(b.Data(), b.Len(), head));
+    EXPECT_EQ(5368709120LL, head.m_nContentLength64);
+    EXPECT_EQ(CHttpResponseHead::KIntSaturated, head.m_nContentLength);
+    EXPECT_EQ(CHttpResponseHead::KBodyByLength, head.m_nBodyType);
 }
 
 // ============================================================ content range
@@ -571,6 +657,51 @@ TEST_F(ContentRangeTest, FailureOverwritesEarlierValues)
     EXPECT_EQ(-1, data.GetContentRange(b.Data(), b.Len(), head));
     EXPECT_EQ(-1, head.m_nRangeStart);
     EXPECT_EQ(-1, head.m_nRangeTotal);
+}
+
+// ------------------------------------------------------------ 64-bit ranges
+
+std::string ParseRange64(const std::string& value)
+{
+    Bytes b("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " + value + "\r\n\r\n");
+    CHttpData data;
+    CHttpResponseHead head;
+    const int r = data.GetContentRange(b.Data(), b.Len(), head);
+    std::ostringstream os;
+    os << "ret=" << r << " start=" << head.m_nRangeStart << " total=" << head.m_nRangeTotal << " start64="
+       << head.m_nRangeStart64 << " total64=" << head.m_nRangeTotal64;
+    return os.str();
+}
+
+TEST(ContentRange64, EdgesOfAnInt)
+{
+    EXPECT_EQ("ret=1 start=2147483647 total=2147483647 start64=2147483647 total64=2147483647",
+              ParseRange64("2147483647-2147483646/2147483647"));
+    EXPECT_EQ("ret=1 start=2147483647 total=2147483647 start64=2147483648 total64=2147483649",
+              ParseRange64("2147483648-2147483648/2147483649"));
+}
+
+TEST(ContentRange64, EdgesOf32Bits)
+{
+    EXPECT_EQ("ret=1 start=2147483647 total=2147483647 start64=4294967295 total64=4294967296",
+              ParseRange64("4294967295-4294967295/4294967296"));
+    EXPECT_EQ("ret=1 start=2147483647 total=2147483647 start64=4294967306 total64=5368709120",
+              ParseRange64("4294967306-5368709119/5368709120"));
+}
+
+TEST(ContentRange64, EdgesOf63Bits)
+{
+    EXPECT_EQ("ret=1 start=2147483647 total=2147483647 start64=9223372036854775806 total64=9223372036854775807",
+              ParseRange64("9223372036854775806-9223372036854775806/9223372036854775807"));
+    EXPECT_EQ("ret=-1 start=-1 total=-1 start64=-1 total64=-1",
+              ParseRange64("9223372036854775808-9223372036854775808/9223372036854775809"));
+    EXPECT_EQ("ret=-1 start=-1 total=-1 start64=-1 total64=-1", ParseRange64("0-0/9223372036854775808"));
+}
+
+TEST(ContentRange64, SmallValuesInBothForms)
+{
+    EXPECT_EQ("ret=1 start=100 total=1000 start64=100 total64=1000", ParseRange64("100-199/1000"));
+    EXPECT_EQ("ret=-1 start=-1 total=-1 start64=-1 total64=-1", ParseRange64("100-199"));
 }
 
 // ============================================================ content type

@@ -385,6 +385,29 @@ TEST_F(HttpDataTest, RangeMinusOneSendsNoRangeLine)
                   .find("Accept-Encoding: gzip\r\nRange: bytes=1048576-\r\n"));
 }
 
+TEST_F(HttpDataTest, RangeFromA64BitOffset)
+{
+    data.SetURL("http://h/f");
+    const auto range = [&](long long from) {
+        const std::string head =
+            Build([&](int& len) { return data.PartialGetMethodData64(len, 0, false, from); });
+        const size_t at = head.find("Range: ");
+        return at == std::string::npos ? std::string() : head.substr(at, head.find("\r\n", at) - at);
+    };
+    EXPECT_EQ("Range: bytes=2147483647-", range(2147483647LL));
+    EXPECT_EQ("Range: bytes=2147483648-", range(2147483648LL));
+    EXPECT_EQ("Range: bytes=2684354560-", range(2684354560LL));
+    EXPECT_EQ("Range: bytes=4294967295-", range(4294967295LL));
+    EXPECT_EQ("Range: bytes=4294967296-", range(4294967296LL));
+    EXPECT_EQ("Range: bytes=9223372036854775807-", range(9223372036854775807LL));
+    EXPECT_EQ("", range(-1));
+    // The int form and the 64-bit form write the same bytes where both can.
+    EXPECT_EQ(Build([&](int& len) { return data.PartialGetMethodData(len, KGzip, true, 1048576); }),
+              Build([&](int& len) { return data.PartialGetMethodData64(len, KGzip, true, 1048576); }));
+    EXPECT_EQ(Build([&](int& len) { return data.HttpHead_Get(len, KGzip, false, 7, true, 3); }),
+              Build([&](int& len) { return data.HttpHead_Get64(len, KGzip, false, 7, true, 3); }));
+}
+
 TEST_F(HttpDataTest, IdVersionLineHasNoBlankAfterColon)
 {
     data.SetURL("http://h/f");

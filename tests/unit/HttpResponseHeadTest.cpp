@@ -50,7 +50,9 @@ std::string Describe(const CHttpResponseHead& h)
        << Str(h.m_strCharset) << "\" origSize=" << h.m_nOrigSize << " streamSize=" << h.m_nStreamSize
        << " idVersion=" << h.m_nIDVersion << " date=" << h.m_nDate << " expireDate=" << h.m_nExpireDate
        << " maxAge=" << h.m_nMaxAge << " private=" << h.m_bPrivate << " noStore=" << h.m_bNoStore
-       << " contentEncoding=" << h.m_nContentEncoding << "}";
+       << " contentEncoding=" << h.m_nContentEncoding << " contentLength64=" << h.m_nContentLength64
+       << " range64=" << h.m_nRangeStart64 << "/" << h.m_nRangeTotal64
+       << " lengthInvalid=" << h.m_bContentLengthInvalid << "}";
     return os.str();
 }
 
@@ -143,6 +145,10 @@ void FillEveryField(CHttpResponseHead& h)
     h.m_bPrivate = true;
     h.m_bNoStore = true;
     h.m_nContentEncoding = 2;
+    h.m_nContentLength64 = 4294967306LL;
+    h.m_nRangeStart64 = 2684354560LL;
+    h.m_nRangeTotal64 = 5368709120LL;
+    h.m_bContentLengthInvalid = true;
 }
 
 // ============================================================ record
@@ -174,6 +180,10 @@ TEST(HttpResponseHead, ConstructionGivesTheInitialValues)
     EXPECT_FALSE(h.m_bPrivate);
     EXPECT_FALSE(h.m_bNoStore);
     EXPECT_EQ(0, h.m_nContentEncoding);
+    EXPECT_EQ(-1, h.m_nContentLength64);
+    EXPECT_EQ(-1, h.m_nRangeStart64);
+    EXPECT_EQ(-1, h.m_nRangeTotal64);
+    EXPECT_FALSE(h.m_bContentLengthInvalid);
 }
 
 TEST(HttpResponseHead, ResetRestoresEveryFieldAndDeletesTheLines)
@@ -455,6 +465,10 @@ CHttpResponseHead& Expected(const HeadRow& row, CHttpResponseHead& e)
     e.Reset();
     row.expect(e);
     e.m_nHeadLen = static_cast<int>(row.head.size());
+    // The rows give the int fields; their small values are the 64-bit ones too.
+    e.m_nContentLength64 = e.m_nContentLength;
+    e.m_nRangeStart64 = e.m_nRangeStart;
+    e.m_nRangeTotal64 = e.m_nRangeTotal;
     return e;
 }
 
