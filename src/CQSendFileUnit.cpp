@@ -111,8 +111,7 @@ void CQSendFileUnit::ClearAll()
 {
     CQSendUnit::ClearAll();
     m_nPhase = SFP_Header;
-    m_nFileLength = 0;
-    m_nFileRead = 0;
+    SetFileCounts(0, 0);
     m_nResumeBlockSize = KDefaultResumeBlockSize;
     m_File.Close();
     FreeReadBuffer();
@@ -122,17 +121,25 @@ void CQSendFileUnit::ClearAll()
     m_nInfoDataSent = 0;
 }
 
+void CQSendFileUnit::SetFileCounts(long long length, long long read)
+{
+    m_nFileLength64 = length;
+    m_nFileRead64 = read;
+    m_nFileLength = ClampToInt(length);
+    m_nFileRead = ClampToInt(read);
+}
+
 int CQSendFileUnit::SetFile(const CQWString& path, int blockSize)
 {
     if (!m_File.Open(path, CQFile::KModeRead))
         return KOpenFailed;
-    const int length = m_File.Seek(0, CQFile::KSeekBegin) >= 0 ? m_File.GetLength() : -1;
+    const long long length = m_File.Seek64(0, CQFile::KSeekBegin) >= 0 ? m_File.GetLength64() : -1;
     if (length < 0) {
-        // Too long for a 32-bit length, or not seekable: not a file to send.
+        // Not seekable or its length unreadable: not a file to send.
         m_File.Close();
         return KOpenFailed;
     }
-    m_nFileLength = length;
+    SetFileCounts(length, m_nFileRead64);
     FreeReadBuffer();
     m_nBlockSize = blockSize;
     if (blockSize > 0)
@@ -154,12 +161,12 @@ int CQSendFileUnit::EnableSendSize()
     case SFP_Header: {
         const int header = (m_pData && m_nLength > m_nSent) ? m_nLength - m_nSent : 0;
         if (header > 0)
-            return ClampToInt(static_cast<long long>(m_nInfoDataLen) + m_nFileLength + header);
+            return ClampToInt(static_cast<long long>(m_nInfoDataLen) + m_nFileLength64 + header);
         m_nPhase = SFP_File;
-        return ClampToInt(static_cast<long long>(m_nInfoDataLen) + m_nFileLength);
+        return ClampToInt(static_cast<long long>(m_nInfoDataLen) + m_nFileLength64);
     }
     case SFP_File: {
-        const int file = m_nFileLength - m_nFileRead;
+        const long long file = m_nFileLength64 - m_nFileRead64;
         if (file < 1) {
             m_nPhase = SFP_Trailer;
             if (m_nInfoDataLen < 1)
@@ -186,7 +193,7 @@ int CQSendFileUnit::LoadData(unsigned char** out, int max)
     // An empty file: the header phase handed over to a file phase with
     // nothing to read. Ask again so the stream moves on to the trailer
     // rather than reading 0 bytes, which would be fatal.
-    if (m_nPhase == SFP_File && m_nFileLength - m_nFileRead < 1)
+    if (m_nPhase == SFP_File && m_nFileLength64 - m_nFileRead64 < 1)
         n = EnableSendSize();
     if (n < 1)
         return 0;
@@ -213,13 +220,14 @@ int CQSendFileUnit::LoadFileSlice(unsigned char** out, int max)
 {
     if (!m_pReadBuffer && m_nBlockSize > 0)
         m_pReadBuffer = new (std::nothrow) unsigned char[static_cast<size_t>(m_nBlockSize)];
-    const int want = std::min({m_nFileLength - m_nFileRead, m_nBlockSize, max});
+    const int want = static_cast<int>(
+        std::min<long long>(m_nFileLength64 - m_nFileRead64, std::min(m_nBlockSize, max)));
     const int got = (m_pReadBuffer && want > 0) ? m_File.Read(m_pReadBuffer, want) : 0;
     // The file promised more bytes than it gives (shrunk or unreadable).
     if (got < 1)
         QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
     *out = m_pReadBuffer;
-    m_nFileRead += got;
+    SetFileCounts(m_nFileLength64, m_nFileRead64 + got);
     return got;
 }
 
@@ -238,7 +246,7 @@ int CQSendFileUnit::OLFileLoadData(unsigned char* buffer, int length)
     const int got = m_File.Read(buffer, length);
     if (got < 1)
         return 0;
-    m_nFileRead += got;
+    SetFileCounts(m_nFileLength64, m_nFileRead64 + got);
     return got;
 }
 
@@ -253,7 +261,7 @@ char* CQSendFileUnit::GetBufMd5(int size)
     if (got < 0)
         got = 0;
     // Put the read position back where the stream left it.
-    static_cast<void>(m_File.Seek(m_nFileRead, CQFile::KSeekBegin));
+    static_cast<void>(m_File.Seek64(m_nFileRead64, CQFile::KSeekBegin));
 
     tagMD5State context;
     CCrypt::MD5_Init(&context);

@@ -12,6 +12,13 @@
 //
 // LoadData returns the count of bytes it points *out at (0 when nothing is
 // left); the bytes stay valid until the next call on the unit.
+//
+// Files of any length: the file unit counts in m_nFileLength64 and
+// m_nFileRead64. The documented int fields m_nFileLength and m_nFileRead
+// show the same values while they fit an int and KIntSaturated (2147483647)
+// beyond; the unit keeps them up to date but counts in the 64-bit fields.
+// EnableSendSize, an int, saturates at KIntSaturated as well, so a
+// caller that drains while it is above 0 drains a stream of any length.
 
 #include "BaseClass/src/CQFile.h"
 
@@ -70,6 +77,8 @@ public:
 
     // Block size of the resumable upload after every ClearAll.
     static constexpr int KDefaultResumeBlockSize = 10240;
+    // What an int count holds for a value larger than an int.
+    static constexpr int KIntSaturated = 2147483647;
 
     // SetFile results.
     enum
@@ -96,8 +105,9 @@ public:
     int LoadData(unsigned char** out, int max) override;
 
     // Opens path for reading. KOpenFailed when it cannot be opened (or its
-    // length cannot be read); otherwise rewinds it, records its length,
-    // replaces the read buffer by one of blockSize bytes and returns KOpened.
+    // length cannot be read); otherwise rewinds it, records its length (any
+    // length: m_nFileLength64), replaces the read buffer by one of blockSize
+    // bytes and returns KOpened.
     int SetFile(const CQWString& path, int blockSize);
     // The trailer (not owned, never freed here); the flag is ignored. A
     // null trailer counts as none (length 0).
@@ -124,8 +134,14 @@ public:
     unsigned char* m_pInfoData = nullptr;  // trailer, not owned
     int m_nInfoDataLen = 0;
     int m_nInfoDataSent = 0;
+    // The counts of the file phase in 64 bits (the int fields above mirror
+    // them, saturated).
+    long long m_nFileLength64 = 0;
+    long long m_nFileRead64 = 0;
 
 private:
+    // Records the file counts in both forms.
+    void SetFileCounts(long long length, long long read);
     // Frees the read buffer. Safe to call twice.
     void FreeReadBuffer();
     // Slices of the three phases; n is what EnableSendSize reported.

@@ -389,6 +389,11 @@ int CHttpData::CopyHttpHeader_UserAgent(unsigned char* out)
 
 int CHttpData::CopyHttpHeader_ContentLenght(int n, unsigned char* out)
 {
+    return CopyHttpHeader_ContentLength64(n, out);
+}
+
+int CHttpData::CopyHttpHeader_ContentLength64(long long n, unsigned char* out)
+{
     ByteWriter w(out);
     w.PutLiteral("Content-Length: ");
     w.PutDecimal(n);
@@ -1369,13 +1374,13 @@ bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit&
         return false;
     const int dispositionLen =
         CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, nullptr);
-    const long long bodyLen = static_cast<long long>(dispositionLen) + unit.m_nFileSize + trailerLen;
-    if (bodyLen > INT_MAX) {
-        // Content-Length is a 32-bit count here; such a body cannot be announced.
+    const long long fileSize = unit.GetFileSize64();
+    if (fileSize < 0 || fileSize > LLONG_MAX - dispositionLen - trailerLen) {
+        // No length this library can announce.
         delete[] trailer;
         return false;
     }
-    const int contentLength = static_cast<int>(bodyLen);
+    const long long contentLength = dispositionLen + fileSize + trailerLen;
 
     const auto writeHead = [&](unsigned char* out) {
         int n = CopyHttpHeader_Method(HM_Post, absoluteTarget, out);
@@ -1383,7 +1388,7 @@ bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit&
         n += CopyHttpHeader_Host(PartOut(out, n));
         n += CopyHttpHeader_UserAgent(PartOut(out, n));
         n += CopyHttpHeader_PostFile_ContentType(PartOut(out, n));
-        n += CopyHttpHeader_ContentLenght(contentLength, PartOut(out, n));
+        n += CopyHttpHeader_ContentLength64(contentLength, PartOut(out, n));
         n += CopyHttpHeader_NewLineFlag(1, PartOut(out, n));
         n += CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, PartOut(out, n));
         return n;

@@ -200,6 +200,8 @@ public:
     int CopyHttpHeader_Host(unsigned char* out);
     int CopyHttpHeader_UserAgent(unsigned char* out);
     int CopyHttpHeader_ContentLenght(int n, unsigned char* out);
+    // The same for a 64-bit count (multipart bodies past 2 GiB).
+    int CopyHttpHeader_ContentLength64(long long n, unsigned char* out);
     int CopyHttpHeader_Method(enHttpMethod method, bool absoluteTarget, unsigned char* out);
     // The same with the method as a plain code (0 GET, 1 POST).
     int CopyHttpHeader_Method(int method, bool absoluteTarget, unsigned char* out);
@@ -314,8 +316,9 @@ public:
 
     // Builds the request head with the file part head into the unit's header
     // and the trailer into its info data, from the unit's form fields
-    // (m_strData), file size, file path and field name. False, with nothing
-    // allocated, when the URL has no host or memory runs out.
+    // (m_strData), file size (GetFileSize64: files past 2 GiB too), file path
+    // and field name. False, with nothing allocated, when the URL has no
+    // host, the file size is negative or memory runs out.
     bool GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit& unit);
     // The trailer: "\r\n", the form field parts, the closing delimiter; a
     // new[] buffer owned by the caller (null, len 0, when memory runs out).

@@ -14,6 +14,19 @@ void ReplaceOwned(unsigned char*& held, int& heldLen, unsigned char* data, int l
     heldLen = data ? len : 0;
 }
 
+int Saturated(long long value)
+{
+    return value > CQRequestHeaderUnit::KIntSaturated ? CQRequestHeaderUnit::KIntSaturated
+                                                      : static_cast<int>(value < -1 ? -1 : value);
+}
+
+// The companion counts while the int field still shows it; an int field
+// written on its own since counts instead.
+long long Read64(int field, long long companion)
+{
+    return Saturated(companion) == field ? companion : field;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- CQRequestHeaderUnit
@@ -37,7 +50,19 @@ void CQRequestHeaderUnit::Clear()
 {
     FreeHeaderData();
     m_nOffset = KNoOffset;
+    m_nOffset64 = KNoOffset;
     m_strData.Empty();
+}
+
+void CQRequestHeaderUnit::SetOffset64(long long offset)
+{
+    m_nOffset64 = offset < 0 ? KNoOffset : offset;
+    m_nOffset = Saturated(m_nOffset64);
+}
+
+long long CQRequestHeaderUnit::GetOffset64() const
+{
+    return Read64(m_nOffset, m_nOffset64);
 }
 
 // ---------------------------------------------------------------- CQPostFileHeaderUnit
@@ -62,6 +87,18 @@ void CQPostFileHeaderUnit::Clear()
     CQRequestHeaderUnit::Clear();
     FreeInfoData();
     m_nFileSize = 0;
+    m_nFileSize64 = 0;
+}
+
+void CQPostFileHeaderUnit::SetFileSize64(long long size)
+{
+    m_nFileSize64 = size < 0 ? 0 : size;
+    m_nFileSize = Saturated(m_nFileSize64);
+}
+
+long long CQPostFileHeaderUnit::GetFileSize64() const
+{
+    return Read64(m_nFileSize, m_nFileSize64);
 }
 
 // ---------------------------------------------------------------- CQPostOLFileHeaderUnit
@@ -96,5 +133,17 @@ void CQPostOLFileHeaderUnit::Clear()
 {
     CQRequestHeaderUnit::Clear();
     m_nFileLen = 0;
+    m_nFileLen64 = 0;
     FreeKey();
+}
+
+void CQPostOLFileHeaderUnit::SetFileLen64(long long length)
+{
+    m_nFileLen64 = length < 0 ? 0 : length;
+    m_nFileLen = Saturated(m_nFileLen64);
+}
+
+long long CQPostOLFileHeaderUnit::GetFileLen64() const
+{
+    return Read64(m_nFileLen, m_nFileLen64);
 }

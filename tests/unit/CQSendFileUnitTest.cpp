@@ -901,3 +901,145 @@ TEST_F(CQSendFileUnitTest, ResumableBlocksAreHashedThenReadWithTheSameBytes)
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- files past 2 and 4 GiB
+// Sparse files: the length costs no disk space and the holes read as zeros,
+// so only the markers and the counts need checking.
+
+namespace {
+
+constexpr long long KTwoGiB = 2147483648LL;
+constexpr long long KFourGiB = 4294967296LL;
+
+bool MakeSparse(const QString& path, long long length, const std::vector<std::pair<long long, char>>& markers)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || !file.resize(length))
+        return false;
+    for (const auto& marker : markers) {
+        if (!file.seek(marker.first) || file.write(&marker.second, 1) != 1)
+            return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(CQSendFileUnit64, SetFileRecordsALengthPastAnInt)
+{
+    velatest::TempDir dir;
+    const QString edge = dir.File("edge");
+    const QString past = dir.File("past");
+    ASSERT_TRUE(MakeSparse(edge, KTwoGiB - 1, {}));
+    ASSERT_TRUE(MakeSparse(past, KFourGiB + 10, {}));
+
+    CQSendFileUnit unit;
+    ASSERT_EQ(CQSendFileUnit::KOpened, unit.SetFile(Wide(edge), 1024));
+    EXPECT_EQ(2147483647, unit.m_nFileLength);
+    EXPECT_EQ(KTwoGiB - 1, unit.m_nFileLength64);
+    EXPECT_EQ(2147483647, unit.EnableSendSize());
+
+    unit.ClearAll();
+    ASSERT_EQ(CQSendFileUnit::KOpened, unit.SetFile(Wide(past), 1024));
+    EXPECT_EQ(CQSendFileUnit::KIntSaturated, unit.m_nFileLength);  // never wraps to 10
+    EXPECT_EQ(KFourGiB + 10, unit.m_nFileLength64);
+    EXPECT_EQ(CQSendFileUnit::KIntSaturated, unit.EnableSendSize());
+    unit.ClearAll();
+    EXPECT_EQ(0, unit.m_nFileLength64);
+    EXPECT_EQ(0, unit.m_nFileRead64);
+}
+
+TEST(CQSendFileUnit64, StreamsAFilePast4GiBWhole)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("big");
+    const long long length = KFourGiB + 1234;
+    const long long markerA = KTwoGiB + 1;
+    const long long markerB = KFourGiB + 5;
+    ASSERT_TRUE(MakeSparse(path, length, {{markerA, 'A'}, {markerB, 'B'}, {length - 1, 'Z'}}));
+
+    std::string header = "HEAD";
+    std::string trailer = "TAIL!";
+    CQSendFileUnit unit;
+    const int block = 1 << 20;
+    ASSERT_EQ(CQSendFileUnit::KOpened, unit.SetFile(Wide(path), block));
+    unit.SetData(reinterpret_cast<unsigned char*>(&header[0]), static_cast<int>(header.size()), false);
+    unit.SetInfoData(reinterpret_cast<unsigned char*>(&trailer[0]), static_cast<int>(trailer.size()));
+
+    // Reading gigabytes of holes proves nothing more than a few MiB around
+    // each edge: the stream is moved on twice, as if the bytes between had
+    // been sent.
+    const long long skipTo[] = {KTwoGiB - 3 * block, KFourGiB - 3 * block};
+    size_t skips = 0;
+    long long skipped = 0;
+    long long sent = 0;
+    std::string head;
+    std::string tail;
+    std::string markers;
+    bool sawIntFieldsSaturated = false;
+    while (unit.EnableSendSize() > 0) {
+        unsigned char* p = nullptr;
+        const int k = unit.LoadData(&p, block);
+        ASSERT_GT(k, 0);
+        ASSERT_LE(k, block);
+        const long long fileAt = sent - static_cast<long long>(header.size());
+        for (const long long at : {markerA, markerB, length - 1}) {
+            if (at >= fileAt && at < fileAt + k)
+                markers += static_cast<char>(p[at - fileAt]);
+        }
+        if (sent < static_cast<long long>(header.size()))
+            head.append(reinterpret_cast<const char*>(p), static_cast<size_t>(k));
+        if (unit.m_nPhase == CQSendFileUnit::SFP_Trailer)
+            tail.append(reinterpret_cast<const char*>(p), static_cast<size_t>(k));
+        if (unit.m_nFileRead64 > KTwoGiB && unit.m_nFileRead == CQSendFileUnit::KIntSaturated)
+            sawIntFieldsSaturated = true;
+        sent += k;
+        const bool pastPreviousEdge = skips == 0 || unit.m_nFileRead64 > markerA;
+        if (skips < 2 && pastPreviousEdge && unit.m_nPhase == CQSendFileUnit::SFP_File &&
+            unit.m_nFileRead64 < skipTo[skips]) {
+            const long long from = unit.m_nFileRead64;
+            ASSERT_EQ(skipTo[skips], unit.m_File.Seek64(skipTo[skips], CQFile::KSeekBegin));
+            unit.m_nFileRead64 = skipTo[skips];
+            skipped += skipTo[skips] - from;
+            sent += skipTo[skips] - from;
+            ++skips;
+        }
+    }
+    EXPECT_EQ(2u, skips);
+    EXPECT_GT(skipped, 0);
+    EXPECT_EQ(static_cast<long long>(header.size()) + length + static_cast<long long>(trailer.size()), sent);
+    EXPECT_EQ("HEAD", head);
+    EXPECT_EQ("TAIL!", tail);
+    EXPECT_EQ("ABZ", markers);
+    EXPECT_TRUE(sawIntFieldsSaturated);
+    EXPECT_EQ(0, unit.EnableSendSize());  // cleared at the end of the stream
+}
+
+TEST(CQSendFileUnit64, Md5PastFourGiBKeepsTheReadPosition)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("big");
+    ASSERT_TRUE(MakeSparse(path, KFourGiB + 8, {{KFourGiB + 2, 'x'}}));
+    CQSendFileUnit unit;
+    ASSERT_EQ(CQSendFileUnit::KOpened, unit.SetFile(Wide(path), 1024));
+    // Put the read position past 4 GiB as an upload would have.
+    ASSERT_EQ(KFourGiB, unit.m_File.Seek64(KFourGiB, CQFile::KSeekBegin));
+    unit.m_nFileRead64 = KFourGiB;
+    const std::string hash = TakeMd5(unit.GetBufMd5(8));
+    unsigned char bytes[8] = {0, 0, 'x', 0, 0, 0, 0, 0};
+    tagMD5State context;
+    CCrypt::MD5_Init(&context);
+    CCrypt::MD5_Update(&context, bytes, 8);
+    unsigned char digest[16];
+    CCrypt::MD5_Final(digest, &context);
+    std::string expected;
+    for (const unsigned char b : digest) {
+        expected += "0123456789abcdef"[b >> 4];
+        expected += "0123456789abcdef"[b & 0x0F];
+    }
+    EXPECT_EQ(expected, hash);
+    unsigned char buffer[8] = {};
+    EXPECT_EQ(8, unit.OLFileLoadData(buffer, 8));  // the same bytes again
+    EXPECT_EQ('x', buffer[2]);
+    EXPECT_EQ(KFourGiB + 8, unit.m_nFileRead64);
+}

@@ -368,6 +368,29 @@ TEST_F(PostFileHead, AUrlWithoutAHostBuildsNothing)
     EXPECT_FALSE(empty.GetPostFileMethodData(false, unit));
 }
 
+TEST_F(PostFileHead, AFilePast4GiBIsAnnouncedWhole)
+{
+    data.SetURL("http://srv.test/up");
+    Fill("a=1", 0, L"/big.bin", L"file");
+    unit.SetFileSize64(4294967306LL);
+    ASSERT_TRUE(data.GetPostFileMethodData(false, unit));
+    const std::string partHead = FilePartHead("file", "/big.bin");
+    const std::string trailer = "\r\n" + FieldPart("a", "1") + KClosing;
+    const long long n = static_cast<long long>(partHead.size()) + 4294967306LL + static_cast<long long>(trailer.size());
+    EXPECT_EQ(Visible(RequestHead("POST /up HTTP/1.1", "srv.test", n) + partHead), Visible(Head()));
+    EXPECT_NE(std::string::npos, Head().find("Content-Length: " + std::to_string(n) + "\r\n"));
+}
+
+TEST_F(PostFileHead, TheIntFileSizeAtItsEdge)
+{
+    data.SetURL("http://srv.test/up");
+    Fill("", 2147483647, L"/e", L"f");
+    ASSERT_TRUE(data.GetPostFileMethodData(false, unit));
+    const long long n = static_cast<long long>(FilePartHead("f", "/e").size()) + 2147483647LL +
+                        static_cast<long long>(Trailer().size());
+    EXPECT_NE(std::string::npos, Head().find("Content-Length: " + std::to_string(n) + "\r\n"));
+}
+
 TEST_F(PostFileHead, RebuildingReplacesTheUnitsBuffers)
 {
     data.SetURL("http://srv.test/up");

@@ -249,4 +249,59 @@ TEST(CQPostOLFileHeaderUnit, DestructionFreesHeaderAndKey)
     EXPECT_TRUE(velatest::HeapWatch::Freed(key));
 }
 
+// ---------------------------------------------------------------- 64-bit companions
+
+TEST(CQRequestHeaderUnit, Offset64AtTheEdgesOfAnInt)
+{
+    CQRequestHeaderUnit unit;
+    EXPECT_EQ(-1, unit.GetOffset64());
+    unit.SetOffset64(2147483647LL);
+    EXPECT_EQ(2147483647, unit.m_nOffset);
+    EXPECT_EQ(2147483647LL, unit.GetOffset64());
+    unit.SetOffset64(2147483648LL);
+    EXPECT_EQ(CQRequestHeaderUnit::KIntSaturated, unit.m_nOffset);  // never wraps negative
+    EXPECT_EQ(2147483648LL, unit.GetOffset64());
+    unit.SetOffset64(2684354560LL);
+    EXPECT_EQ(2684354560LL, unit.GetOffset64());
+    unit.SetOffset64(-1);
+    EXPECT_EQ(-1, unit.m_nOffset);
+    EXPECT_EQ(-1, unit.GetOffset64());
+}
+
+TEST(CQRequestHeaderUnit, AnIntOffsetWrittenOnItsOwnCounts)
+{
+    CQRequestHeaderUnit unit;
+    unit.SetOffset64(4294967306LL);
+    unit.m_nOffset = 100;
+    EXPECT_EQ(100, unit.GetOffset64());
+    unit.Clear();
+    EXPECT_EQ(-1, unit.m_nOffset64);
+    EXPECT_EQ(-1, unit.GetOffset64());
+}
+
+TEST(CQPostFileHeaderUnit, FileSize64)
+{
+    CQPostFileHeaderUnit unit;
+    unit.SetFileSize64(3221225472LL);
+    EXPECT_EQ(CQRequestHeaderUnit::KIntSaturated, unit.m_nFileSize);
+    EXPECT_EQ(3221225472LL, unit.GetFileSize64());
+    unit.m_nFileSize = 1000;  // the documented field, written directly
+    EXPECT_EQ(1000, unit.GetFileSize64());
+    unit.Clear();
+    EXPECT_EQ(0, unit.m_nFileSize64);
+    EXPECT_EQ(0, unit.GetFileSize64());
+}
+
+TEST(CQPostOLFileHeaderUnit, FileLen64)
+{
+    CQPostOLFileHeaderUnit unit;
+    unit.SetFileLen64(2147483647LL);
+    EXPECT_EQ(2147483647, unit.m_nFileLen);
+    unit.SetFileLen64(5368709120LL);
+    EXPECT_EQ(CQRequestHeaderUnit::KIntSaturated, unit.m_nFileLen);
+    EXPECT_EQ(5368709120LL, unit.GetFileLen64());
+    unit.Clear();
+    EXPECT_EQ(0, unit.GetFileLen64());
+}
+
 }  // namespace
