@@ -1337,8 +1337,8 @@ void CQHttpSocketEngine::HandleOLReply(QTcpSocket* socket)
             iObserver->OnSocketEngine_SendData(nullptr, KOLNoProgress);
         return;
     }
-    const long long fileRead = iFileUnit.m_nFileRead;
-    const long long fileLength = iFileUnit.m_nFileLength;
+    const long long fileRead = iFileUnit.m_nFileRead64;
+    const long long fileLength = iFileUnit.m_nFileLength64;
     const long long pos = std::max<long long>(fileRead, saved);
     const int progress = pos > INT_MAX ? INT_MAX : static_cast<int>(pos);
     if (pos >= fileLength) {

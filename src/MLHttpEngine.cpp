@@ -86,15 +86,19 @@ CQSString& GatewayBaseURL()
     return url;
 }
 
-// Counters of body bytes stop at INT_MAX instead of wrapping.
-int SaturatingAdd(int a, int b)
+// Body bytes are counted in 64 bits; the count stops at LLONG_MAX
+// instead of wrapping (no body comes near it).
+long long SaturatingAdd(long long a, int b)
 {
-    if (b > 0 && a > INT_MAX - b)
-        return INT_MAX;
-    if (b < 0 && a < INT_MIN - b)
-        return INT_MIN;
-    return a + b;
+    if (b > 0 && a > LLONG_MAX - b)
+        return LLONG_MAX;
+    return b > 0 ? a + b : a;
 }
+
+// The resumable upload's server protocol counts in 32 bits.
+constexpr long long KMaxOLFileLength = INT_MAX;
+// A multipart upload announces any length.
+constexpr long long KMaxPostFileLength = LLONG_MAX;
 
 bool IsAccepted(int status)
 {
@@ -210,13 +214,18 @@ int CMLHttpEngine::DoGet(const char* url, const CQWString* recvFile, int offset)
     return StartGet(url, recvFile, offset, SB_Owner);
 }
 
-int CMLHttpEngine::StartGet(const char* url, const CQWString* recvFile, int offset, enStartedBy startedBy)
+int CMLHttpEngine::DoGet64(const char* url, const CQWString* recvFile, long long offset)
+{
+    return StartGet(url, recvFile, offset, SB_Owner);
+}
+
+int CMLHttpEngine::StartGet(const char* url, const CQWString* recvFile, long long offset, enStartedBy startedBy)
 {
     if (!m_pSocketEngine)
         return KRefused;
     BeginRequest(KKindGet, startedBy);
     m_RequestHeaderUnit.FreeHeaderData();
-    m_RequestHeaderUnit.m_nOffset = offset;
+    m_RequestHeaderUnit.SetOffset64(offset);
     m_RequestHeaderUnit.m_strData.Empty();
     SetRecvFile(recvFile);
     m_RequestData.SetURL(url);
@@ -235,7 +244,7 @@ int CMLHttpEngine::DoPost(const char* url, const CQWString* recvFile, unsigned c
         return KRefused;
     BeginRequest(KKindPost, SB_Owner);
     m_RequestHeaderUnit.FreeHeaderData();
-    m_RequestHeaderUnit.m_nOffset = KWholeResource;
+    m_RequestHeaderUnit.SetOffset64(KWholeResource);
     m_RequestHeaderUnit.m_strData.Empty();
     (void)m_RequestHeaderUnit.m_strData.SetData(body, len);  // refused (null body, len < 0): stays empty
     SetRecvFile(recvFile);
@@ -545,9 +554,9 @@ void CMLHttpEngine::SendMsg_Get()
     case HES_HttpRequest:
         // The request id goes in as the encoding mode: only the current page
         // id asks for gzip.
-        if (m_RequestHeaderUnit.m_nOffset >= 0)
-            bytes = m_RequestData.PartialGetMethodData(len, m_nRequestID, AbsoluteTarget(),
-                                                       m_RequestHeaderUnit.m_nOffset);
+        if (m_RequestHeaderUnit.GetOffset64() >= 0)
+            bytes = m_RequestData.PartialGetMethodData64(len, m_nRequestID, AbsoluteTarget(),
+                                                         m_RequestHeaderUnit.GetOffset64());
         else
             bytes = m_RequestData.GetMethodData(KKindGet, len, m_nRequestID,
                                                 AbsoluteTarget() ? KAbsoluteTarget : KOriginTarget, KNoMultipart, 0,
@@ -590,7 +599,7 @@ void CMLHttpEngine::SendMsg_Post()
     (void)OpenFile2Recv();
 }
 
-int CMLHttpEngine::UploadFileLength(const CQWString& path)
+long long CMLHttpEngine::UploadFileLength(const CQWString& path, long long maxLength)
 {
     // Both checks raise events outside the handled range on purpose: an
     // upload without a usable file ends without any report.
@@ -598,10 +607,12 @@ int CMLHttpEngine::UploadFileLength(const CQWString& path)
         OnSocketEngine_SocketEvent(velanet::KEventFilePathEmpty, 0);
         return -1;
     }
-    const int fileLen = CQFile::GetFileLenght(path);
-    if (fileLen < 0)
+    const long long fileLen = CQFile::GetFileLength64(path);
+    if (fileLen < 0 || fileLen > maxLength) {
         OnSocketEngine_SocketEvent(velanet::KEventFileLengthInvalid, 0);
-    return fileLen < 0 ? -1 : fileLen;
+        return -1;
+    }
+    return fileLen;
 }
 
 void CMLHttpEngine::SendMsg_PostFile()
@@ -609,10 +620,10 @@ void CMLHttpEngine::SendMsg_PostFile()
     if (!m_pSocketEngine)
         return;
     CQPostFileHeaderUnit& unit = m_PostFileHeaderUnit;
-    const int fileLen = UploadFileLength(unit.m_strFilePath);
+    const long long fileLen = UploadFileLength(unit.m_strFilePath, KMaxPostFileLength);
     if (fileLen < 0)
         return;
-    unit.m_nFileSize = fileLen;
+    unit.SetFileSize64(fileLen);
     const bool built = m_RequestData.GetPostFileMethodData(AbsoluteTarget(), unit);
     if (built)
         unit.m_pHeaderData = WithProxyCredentials(unit.m_pHeaderData, unit.m_nHeaderLen);
@@ -627,10 +638,10 @@ void CMLHttpEngine::SendMsg_PostOLFile()
     if (!m_pSocketEngine)
         return;
     CQPostOLFileHeaderUnit& unit = m_OLFileHeaderUnit;
-    const int fileLen = UploadFileLength(unit.m_strFilePath);
+    const long long fileLen = UploadFileLength(unit.m_strFilePath, KMaxOLFileLength);
     if (fileLen < 0)
         return;
-    unit.m_nFileLen = fileLen;
+    unit.SetFileLen64(fileLen);
     if (m_pSocketEngine->DoSendOLFile(unit, false) < 1)
         QT_ASSERT_UNREACHABLE("FALSE", KAssertFile);
 }
@@ -669,6 +680,8 @@ int CMLHttpEngine::OnSocketEngine_ReceiveData(unsigned char* data, int len)
         if (head != KGoOn)
             return head == KHeadIncomplete ? KGoOn : KStop;
         if (JudgeStatus() != KGoOn)
+            return KStop;
+        if (RefuseUnreadableLength() != KGoOn)
             return KStop;
         ChooseBodyMode();
         if (ReportHead() != KGoOn)
@@ -742,6 +755,27 @@ int CMLHttpEngine::JudgeStatus()
     return KStop;
 }
 
+int CMLHttpEngine::RefuseUnreadableLength()
+{
+    // A body framed by a length that cannot be held (no digits, a sign,
+    // past 2^63 - 1) has no end to read to: one failure, no head report.
+    if (m_ResponseHead.m_nBodyType != CHttpResponseHead::KBodyByLength || !m_ResponseHead.m_bContentLengthInvalid)
+        return KGoOn;
+    switch (m_enCurHES) {
+    case HES_Idle:
+    case HES_HttpRequest:
+        Reset(true);
+        break;
+    case HES_DNSRequest:
+        Reset(false);
+        MoveTo(HES_Idle);
+        break;
+    }
+    if (m_pObserver)
+        m_pObserver->OnHttpEngine_NetError(m_nRequestID, velanet::KErrorLengthUnrepresentable);
+    return KStop;
+}
+
 void CMLHttpEngine::ChooseBodyMode()
 {
     switch (m_ResponseHead.m_nBodyType) {
@@ -751,11 +785,13 @@ void CMLHttpEngine::ChooseBodyMode()
     case CHttpResponseHead::KBodyChunked:
         m_enHttpRecvDataMode = HRDM_Chunk;
         m_ResponseHead.m_nContentLength = KUnframedContentLength;
+        m_ResponseHead.m_nContentLength64 = KUnframedContentLength;
         m_nChunkRemain = 0;
         break;
     default:
         m_enHttpRecvDataMode = HRDM_Stream;
         m_ResponseHead.m_nContentLength = KUnframedContentLength;
+        m_ResponseHead.m_nContentLength64 = KUnframedContentLength;
         break;
     }
     m_enPhase = HRP_Body;
@@ -866,7 +902,7 @@ int CMLHttpEngine::ReportResponseData(unsigned char* p, int n, int count)
 
 int CMLHttpEngine::OnReceivLengthData(unsigned char* data, int len)
 {
-    if (m_nRecvBytes >= m_ResponseHead.m_nContentLength)
+    if (m_nRecvBytes >= m_ResponseHead.m_nContentLength64)
         return CompleteLengthBody();
     m_nRecvBytes = SaturatingAdd(m_nRecvBytes, len);
     if (m_enCurHES == HES_HttpRequest) {
@@ -875,12 +911,13 @@ int CMLHttpEngine::OnReceivLengthData(unsigned char* data, int len)
         // A gzip body ends with its stream; the length is not compared.
         if (m_ResponseHead.m_nContentEncoding == CHttpResponseHead::KContentEncodingGzip)
             return DecompressAndNotify(data, len);
-        if (ReportResponseData(data, len, m_nRecvBytes) != KGoOn)
+        // The count as an int: past 2 GiB it stays at 2147483647.
+        if (ReportResponseData(data, len, CHttpResponseHead::SaturatedInt(m_nRecvBytes)) != KGoOn)
             return KStop;
     } else if (m_enCurHES == HES_DNSRequest) {
         ParseDNSPDUAndStore(data, len);
     }
-    if (m_nRecvBytes < m_ResponseHead.m_nContentLength)
+    if (m_nRecvBytes < m_ResponseHead.m_nContentLength64)
         return KGoOn;
     return CompleteLengthBody();
 }
@@ -1009,7 +1046,7 @@ int CMLHttpEngine::OnSocketEngine_ReceivDataEnd()
     case HRP_Body:
         switch (m_enHttpRecvDataMode) {
         case HRDM_Length:
-            complete = m_nRecvBytes >= m_ResponseHead.m_nContentLength;
+            complete = m_nRecvBytes >= m_ResponseHead.m_nContentLength64;
             break;
         case HRDM_Chunk:
             break;

@@ -123,6 +123,9 @@ public:
     // recvFile: write the body there as well (null: memory only); offset:
     // the resume offset of a range request, -1 for the whole resource.
     int DoGet(const char* url, const CQWString* recvFile, int offset);
+    // DoGet from a 64-bit offset (-1: the whole resource), for resources
+    // past 2 GiB: "Range: bytes=2684354560-".
+    int DoGet64(const char* url, const CQWString* recvFile, long long offset);
     // A range request from byte 0, always; 1 or 0.
     int DoGet(const CQSString& url, const CQWString& recvFile);
     int DoPost(const char* url, const CQWString* recvFile, unsigned char* body, int len);
@@ -199,6 +202,10 @@ public:
     CQHttpSocketEngine* GetSocketEngine() const { return m_pSocketEngine; }
     enHttpEngineState GetState() const { return m_enCurHES; }
     int GetCurMethod() const { return m_nCurKind; }
+    // Body bytes received so far in this response, in 64 bits. The n that
+    // OnHttpEngine_ResponseData carries in length mode is this count,
+    // saturated at 2147483647 (CHttpResponseHead::KIntSaturated).
+    long long GetRecvBytes64() const { return m_nRecvBytes; }
     CQSString& GetCurPostData() { return m_strCurPostData; }
 
 private:
@@ -223,13 +230,13 @@ private:
     // What every request start does before storing its own fields.
     void BeginRequest(int kind, enStartedBy startedBy);
     // DoGet's work; the redirect path starts with SB_Redirect.
-    int StartGet(const char* url, const CQWString* recvFile, int offset, enStartedBy startedBy);
+    int StartGet(const char* url, const CQWString* recvFile, long long offset, enStartedBy startedBy);
     // Event handlers of OnSocketEngine_SocketEvent.
     void OnConnected();
     void OnHostNotResolvable();
     // Length of the file to upload, or -1 after raising the silent event
-    // for an empty path or an unreadable file.
-    int UploadFileLength(const CQWString& path);
+    // for an empty path, an unreadable file or one longer than maxLength.
+    long long UploadFileLength(const CQWString& path, long long maxLength);
 
     // ---- receiving, one step each (OnSocketEngine_ReceiveData)
     // Appends bytes to the head and parses it; KGoOn with a parsed head,
@@ -244,6 +251,9 @@ private:
     void FailRedirect(int code, const CQWString& recvFile, bool recvToFile);
     // An interim (1xx) head that is skipped: every 1xx but 101.
     [[nodiscard]] static bool IsInterim(int status);
+    // A Content-Length the head could not read: the request fails with
+    // KErrorLengthUnrepresentable; KGoOn otherwise.
+    [[nodiscard]] int RefuseUnreadableLength();
     // Body mode from the head's framing; the phase moves to HRP_Body.
     void ChooseBodyMode();
     // OnHttpEngine_RecvHeader (caller's request only); KGoOn to read on.
@@ -292,7 +302,7 @@ private:
     std::unique_ptr<CMLDataBuf> m_pRecvBuf;
     std::unique_ptr<CMLDataBuf> m_pDecompressBuf;
     enResponsePhase m_enPhase = HRP_Head;
-    int m_nRecvBytes = 0;
+    long long m_nRecvBytes = 0;
     int m_nDataCallCount = 0;
     // Bytes of the current chunk's data still to come; 0: the next bytes
     // start with a chunk-size line (after the previous data's line end).

@@ -119,10 +119,15 @@ int CMLHttpPool::DoGet(const CQSString& url, int id, const CQWString& recvFile)
 
 int CMLHttpPool::DoGetPartial(const CQSString& url, int id, const CQWString* recvFile, int offset)
 {
+    return DoGetPartial64(url, id, recvFile, offset);
+}
+
+int CMLHttpPool::DoGetPartial64(const CQSString& url, int id, const CQWString* recvFile, long long offset)
+{
     CMLHttpEngine* engine = TakeEngine(url, id);
     if (engine == nullptr)
         return KRefused;
-    return engine->DoGet(url.GetDataPtr(), recvFile, offset) != CMLHttpEngine::KRefused ? KStarted : KRefused;
+    return engine->DoGet64(url.GetDataPtr(), recvFile, offset) != CMLHttpEngine::KRefused ? KStarted : KRefused;
 }
 
 int CMLHttpPool::DoPost(const CQSString& url, int id, const CQWString* recvFile, unsigned char* data, int len)

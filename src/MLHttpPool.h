@@ -169,6 +169,8 @@ public:
     int DoGet(const CQSString& url, int id, const CQWString& recvFile);
     // A range request from byte offset.
     int DoGetPartial(const CQSString& url, int id, const CQWString* recvFile, int offset);
+    // The same from a 64-bit offset, for resources past 2 GiB.
+    int DoGetPartial64(const CQSString& url, int id, const CQWString* recvFile, long long offset);
     int DoPost(const CQSString& url, int id, const CQWString* recvFile, unsigned char* data, int len);
     int DoPost(const CQSString& url, int id, const CQWString& recvFile, unsigned char* data, int len);
     // Multipart upload of filePath; data/len are the form fields

@@ -42,6 +42,7 @@ enum enEngineNetError : int
 {
     KErrorTooManyRedirects = 65,      // one redirect more than CMLHttpEngine::GetMaxRedirects()
     KErrorRedirectNotStartable = 66,  // a redirect target that cannot be requested
+    KErrorLengthUnrepresentable = 67, // a Content-Length that is no length or past 2^63 - 1
 };
 
 // ---- request kinds (the codes CHttpData::GetMethodData takes for GET and POST)

@@ -19,7 +19,7 @@ public:
     static const CQPostFileHeaderUnit& GetPostFileHeaderUnit(const CMLHttpEngine& e) { return e.m_PostFileHeaderUnit; }
     static const CQPostOLFileHeaderUnit& GetPostOLFileHeaderUnit(const CMLHttpEngine& e) { return e.m_OLFileHeaderUnit; }
     static bool IsHeadReceived(const CMLHttpEngine& e) { return e.m_enPhase != CMLHttpEngine::HRP_Head; }
-    static int GetBytesReceived(const CMLHttpEngine& e) { return e.m_nRecvBytes; }
+    static long long GetBytesReceived(const CMLHttpEngine& e) { return e.m_nRecvBytes; }
     static int GetDataCallCount(const CMLHttpEngine& e) { return e.m_nDataCallCount; }
     static int GetChunkRemainder(const CMLHttpEngine& e) { return e.m_nChunkRemain; }
     static bool IsRecvToFile(const CMLHttpEngine& e) { return e.m_bRecvToFile; }

@@ -123,6 +123,7 @@ int FetchRun::Prepare()
         m_session->EnableCookies(m_cookies.get());
     if (m_options.verbose)
         m_session->SetReportLog([this](const QString& line) { Message("* " + line); });
+    m_session->SetTimeLimits(m_options.maxTimeMs, m_options.connectTimeoutMs);
 
     int lastStdout = -1;
     for (int i = 0; i < m_options.urls.size(); ++i) {
@@ -161,12 +162,8 @@ int FetchRun::Prepare()
             if (m_options.resume) {
                 const QFileInfo info(path);
                 if (info.exists() && info.size() > 0) {
-                    if (info.size() > INT_MAX) {
-                        PrintError(QString("%1: too large to resume (over 2 GiB)").arg(path));
-                        return KExitUsage;
-                    }
                     target.resumeFrom = info.size();
-                    order.resumeOffset = static_cast<int>(info.size());
+                    order.resumeOffset = info.size();
                 }
             }
         }
@@ -294,7 +291,17 @@ void FetchRun::OnTransferEnd(Transfer& transfer)
         break;
     }
     ++m_failures;
-    target.output->Discard();
+    // Nothing partial may look complete: without -C a file this transfer
+    // wrote to goes (also one that was there before and was emptied); with
+    // -C what arrived stays, so that the next run resumes from it.
+    const bool written = target.output->IsOpen() && !target.output->IsStdout();
+    if (written && m_options.resume) {
+        (void)target.output->Close();
+    } else {
+        target.output->Discard();
+        if (written)
+            (void)QFile::remove(target.output->Path());
+    }
     Message(QString("velafetch: %1: %2").arg(url, FailureText(transfer)));
 }
 

@@ -1,5 +1,6 @@
 #include "HttpJob.h"
 
+#include "Options.h"
 #include "Report.h"
 
 #include "src/CookieHolder.h"
@@ -16,6 +17,8 @@ const int KRetryMs = 5;
 // Active transfers are checked for a silently lost request this often; a
 // transfer seen lost on two checks in a row is failed.
 const int KWatchMs = 100;
+// Time limits are checked this often: the precision of --max-time.
+const int KDeadlineCheckMs = 10;
 // A gzip body is reported decoded: the head's length is the encoded one.
 const int KEventDecompressFailed = velanet::KEventDecompressFailed;
 const int KEventConnected = velanet::KEventConnected;
@@ -42,6 +45,14 @@ FetchSession::FetchSession(int engines, CIAPConnectEngine* iap, TransferObserver
     connect(&m_retryTimer, &QTimer::timeout, this, &FetchSession::Pump);
     m_watchTimer.setInterval(KWatchMs);
     connect(&m_watchTimer, &QTimer::timeout, this, &FetchSession::Watch);
+    m_deadlineTimer.setInterval(KDeadlineCheckMs);
+    connect(&m_deadlineTimer, &QTimer::timeout, this, &FetchSession::CheckDeadlines);
+}
+
+void FetchSession::SetTimeLimits(qint64 maxTimeMs, qint64 connectTimeoutMs)
+{
+    m_maxTimeMs = maxTimeMs > 0 ? maxTimeMs : 0;
+    m_connectTimeoutMs = connectTimeoutMs > 0 ? connectTimeoutMs : 0;
 }
 
 FetchSession::~FetchSession()
@@ -70,6 +81,8 @@ int FetchSession::Add(const TransferOrder& order)
 void FetchSession::Start()
 {
     m_watchTimer.start();
+    if (m_maxTimeMs > 0 || m_connectTimeoutMs > 0)
+        m_deadlineTimer.start();
     SchedulePump();
 }
 
@@ -122,10 +135,11 @@ FetchSession::Submit FetchSession::TrySubmit(Transfer& transfer)
     // Active before the call: a report may come from inside it.
     transfer.state = Transfer::State::Active;
     transfer.clock.start();
+    transfer.exchangeClock.start();
     int started = CMLHttpPool::KRefused;
     switch (order.kind) {
     case TransferOrder::Kind::Get:
-        started = order.resumeOffset >= 0 ? m_pool->DoGetPartial(url, order.id, nullptr, order.resumeOffset)
+        started = order.resumeOffset >= 0 ? m_pool->DoGetPartial64(url, order.id, nullptr, order.resumeOffset)
                                          : m_pool->DoGet(url, order.id, nullptr);
         break;
     case TransferOrder::Kind::Post: {
@@ -185,6 +199,7 @@ void FetchSession::Pump()
     if (AllDone() && !m_allDoneReported) {
         m_allDoneReported = true;
         m_watchTimer.stop();
+        m_deadlineTimer.stop();
         m_observer->OnAllDone();
     }
 }
@@ -249,6 +264,24 @@ void FetchSession::Watch()
     m_suspects = lost;
 }
 
+void FetchSession::CheckDeadlines()
+{
+    // Indexes first: failing a transfer reports to the owner, who may add.
+    std::vector<std::pair<int, QString>> late;
+    for (auto& t : m_transfers) {
+        if (t->state != Transfer::State::Active)
+            continue;
+        if (m_maxTimeMs > 0 && t->clock.isValid() && t->clock.elapsed() >= m_maxTimeMs)
+            late.emplace_back(t->index, QString("timed out after %1 s [--max-time]").arg(SecondsText(m_maxTimeMs)));
+        else if (m_connectTimeoutMs > 0 && t->connects == 0 && t->exchangeClock.isValid() &&
+                 t->exchangeClock.elapsed() >= m_connectTimeoutMs)
+            late.emplace_back(t->index,
+                              QString("timed out after %1 s [--connect-timeout]").arg(SecondsText(m_connectTimeoutMs)));
+    }
+    for (const auto& entry : late)
+        FailTransfer(At(entry.first), entry.second);
+}
+
 void FetchSession::Log(int id, const QString& text)
 {
     if (m_log)
@@ -277,11 +310,11 @@ int FetchSession::HttpHeaderReceived(int id, CHttpResponseHead& head, CHttpData&
     t->status = head.m_nStatusCode;
     t->bodyType = head.m_nBodyType;
     t->contentEncoding = head.m_nContentEncoding;
-    t->rangeStart = head.m_nRangeStart;
+    t->rangeStart = head.m_nRangeStart64;
     t->contentLength = -1;
     if (head.m_nBodyType == CHttpResponseHead::KBodyByLength &&
         head.m_nContentEncoding == CHttpResponseHead::KContentEncodingNone)
-        t->contentLength = head.m_nContentLength;
+        t->contentLength = head.m_nContentLength64;
     if (m_cookies) {
         const CQSString url = Narrow(t->currentUrl);
         auto pos = head.m_listCookies.GetHeadPosition();
@@ -361,6 +394,7 @@ int FetchSession::HttpEngine_URLChange(int id, CQSString& location)
     t->sawLookup = false;
     t->sawResolved = false;
     t->connects = 0;
+    t->exchangeClock.start();
     return 1;
 }
 

@@ -58,7 +58,7 @@ struct TransferOrder
     Kind kind = Kind::Get;
     QByteArray url;
     int id = 0;
-    int resumeOffset = -1;  // a range request from this byte; -1: whole resource
+    qint64 resumeOffset = -1;  // a range request from this byte; -1: whole resource
     QByteArray body;        // POST body, or the form fields of a file upload
     QString filePath;       // file upload: the file and its form field name
     QString fieldName;
@@ -79,6 +79,7 @@ struct Transfer
     State state = State::Queued;
     QByteArray currentUrl;  // after redirects followed by the engine
     QElapsedTimer clock;    // from submission
+    QElapsedTimer exchangeClock;  // from submission or the last redirect followed
     qint64 elapsedMs = 0;   // set when done
 
     // What the reports said.
@@ -90,7 +91,7 @@ struct Transfer
     int status = 0;
     int bodyType = 0;
     int contentEncoding = 0;
-    int rangeStart = -1;
+    qint64 rangeStart = -1;
     qint64 contentLength = -1;  // the decoded body's length when the head tells it
     qint64 bytes = 0;           // body bytes handed up
     int redirects = 0;
@@ -137,6 +138,12 @@ public:
     void EnableCookies(QCookieHolder* holder);
     // One line per pool report (for -v); empty: no lines.
     void SetReportLog(std::function<void(const QString&)> log) { m_log = std::move(log); }
+    // Time limits of every transfer, in milliseconds (0: none): maxTimeMs
+    // from submission to the end, connectTimeoutMs from submission (and
+    // from each redirect the engine follows) to the connection. A transfer
+    // over a limit is cancelled through the pool and ends Outcome::Local
+    // with "timed out after S s [--max-time]" (or [--connect-timeout]).
+    void SetTimeLimits(qint64 maxTimeMs, qint64 connectTimeoutMs);
 
     // Queues a transfer; returns its index.
     int Add(const TransferOrder& order);
@@ -178,6 +185,7 @@ private:
     void Finish(Transfer& transfer, Outcome outcome, int code);
     void CancelId(int id);
     void Watch();
+    void CheckDeadlines();
     void Log(int id, const QString& text);
 
     std::unique_ptr<CMLHttpPool> m_pool;
@@ -189,6 +197,9 @@ private:
     bool m_allDoneReported = false;
     QTimer m_retryTimer;  // queued transfers wait for an engine
     QTimer m_watchTimer;  // active transfers whose engine let go silently
+    QTimer m_deadlineTimer;  // time limits, when there are any
+    qint64 m_maxTimeMs = 0;
+    qint64 m_connectTimeoutMs = 0;
     std::vector<int> m_suspects;  // indexes seen lost once
 };
 

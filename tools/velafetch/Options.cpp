@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <climits>
+#include <cmath>
 
 namespace velafetch {
 
@@ -144,6 +145,12 @@ bool Parser::HandleOption(const QString& arg)
             return Fail(QString("--block-size takes a number from 1 to %1").arg(KMaxUploadBlock));
     } else if (arg == "--iap-file") {
         o.iapFile = value;
+    } else if (arg == "--max-time") {
+        if (!ParseSeconds(value, o.maxTimeMs))
+            return Fail(QString("--max-time takes seconds from 0 to %1 (fractions allowed)").arg(KMaxSeconds));
+    } else if (arg == "--connect-timeout") {
+        if (!ParseSeconds(value, o.connectTimeoutMs))
+            return Fail(QString("--connect-timeout takes seconds from 0 to %1 (fractions allowed)").arg(KMaxSeconds));
     } else {
         return Fail(QString("unknown option %1").arg(arg));
     }
@@ -250,6 +257,36 @@ bool ParseRequestId(const QString& text, int& id)
     return true;
 }
 
+bool ParseSeconds(const QString& text, qint64& ms)
+{
+    // Plain decimal notation only: digits with at most one '.'.
+    if (text.isEmpty() || text == ".")
+        return false;
+    int dots = 0;
+    for (const QChar c : text) {
+        if (c == '.')
+            ++dots;
+        else if (c < '0' || c > '9')
+            return false;
+    }
+    bool ok = false;
+    const double seconds = text.toDouble(&ok);
+    if (!ok || dots > 1 || !std::isfinite(seconds) || seconds < 0 || seconds > KMaxSeconds)
+        return false;
+    const qint64 rounded = static_cast<qint64>(std::llround(seconds * 1000.0));
+    ms = seconds > 0 && rounded == 0 ? 1 : rounded;
+    return true;
+}
+
+QString SecondsText(qint64 ms)
+{
+    QString text = QString::number(static_cast<double>(ms) / 1000.0, 'f', 3);
+    // Trailing zeros go, but one decimal stays: "2.0", "0.25".
+    while (text.endsWith('0') && text.indexOf('.') < text.size() - 2)
+        text.chop(1);
+    return text;
+}
+
 ParseResult ParseOptions(const QStringList& args)
 {
     Parser parser(args);
@@ -290,6 +327,10 @@ QString HelpText()
         "      --noproxy LIST     hosts reached directly: comma-separated names (with\n"
         "                         their subdomains), addresses, NAME:PORT, or *;\n"
         "                         over the environment's no_proxy/NO_PROXY\n"
+        "      --max-time SECONDS  give up a transfer that has not ended after SECONDS\n"
+        "                         (fractions allowed; 0: no limit)\n"
+        "      --connect-timeout SECONDS  give up a transfer that is not connected\n"
+        "                         after SECONDS (each connection of a redirect anew)\n"
         "  -v, --verbose          print every report of the pool on stderr\n"
         "\n"
         "Other modes:\n"
@@ -305,7 +346,9 @@ QString HelpText()
         "\n"
         "A progress bar is shown on stderr for transfers over 1 MiB when stderr is a\n"
         "terminal. Exit status: 0 when every transfer completed, 1 when one failed\n"
-        "(one line per failure on stderr), 2 for a bad command line.\n");
+        "(one line per failure on stderr), 2 for a bad command line. A transfer that\n"
+        "fails or runs out of time leaves no partial file behind, except with -C, which\n"
+        "keeps what arrived so that the next run resumes from it.\n");
 }
 
 }  // namespace velafetch

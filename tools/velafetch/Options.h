@@ -54,6 +54,9 @@ struct Options
     IdChoice idChoice = IdChoice::PerUrl;
     int fixedId = 0;
     bool verbose = false;
+    // --max-time and --connect-timeout in milliseconds; 0: no limit.
+    qint64 maxTimeMs = 0;
+    qint64 connectTimeoutMs = 0;
 
     // ---- tcp
     QString tcpHost;
@@ -83,6 +86,14 @@ struct ParseResult
 // "page", "prefetch", "css", "image" or a number (decimal, or hex with 0x);
 // false for anything else.
 [[nodiscard]] bool ParseRequestId(const QString& text, int& id);
+
+// A time limit in seconds, fractions allowed ("2", "0.5", "1.25"), from 0
+// (no limit) to KMaxSeconds; ms gets it rounded to whole milliseconds (a
+// positive limit is at least 1 ms). False for anything else.
+[[nodiscard]] bool ParseSeconds(const QString& text, qint64& ms);
+// A limit as the messages show it: "2.0", "0.25", "1.5".
+[[nodiscard]] QString SecondsText(qint64 ms);
+inline constexpr int KMaxSeconds = 1000000000;
 
 // The text of --help.
 [[nodiscard]] QString HelpText();

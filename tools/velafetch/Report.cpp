@@ -107,6 +107,8 @@ QString NetErrorText(const Transfer& t)
         return QString("too many redirects (%1)").arg(CMLHttpEngine::GetMaxRedirects());
     case velanet::KErrorRedirectNotStartable:
         return "redirect to a URL that cannot be fetched";
+    case velanet::KErrorLengthUnrepresentable:
+        return "Content-Length is not a length velanet can hold";
     case velanet::KEventSocketError:
         if (t.headReceived)
             return "body ended early";
@@ -156,6 +158,8 @@ QString EventMeaning(int event)
         return "too many redirects";
     case velanet::KErrorRedirectNotStartable:
         return "redirect cannot be followed";
+    case velanet::KErrorLengthUnrepresentable:
+        return "Content-Length not representable";
     default:
         return "unknown event";
     }
