@@ -131,6 +131,7 @@ public:
     int HttpResponseComplete(int, CQWString&) override { return End("complete"); }
     int HttpEventNotify(int, int event) override { return event == 48 ? End("event 48") : 0; }
     int HttpErrorNotify(int, int event) override { return End("net-error " + std::to_string(event)); }
+    int HttpEngine_URLChange(int, CQSString&) override { return End("url-change"); }
 
     std::vector<std::string> ends;
     int status = 0;
@@ -382,7 +383,8 @@ TEST_F(BodiesPast4GiB, MultipartUploadOfAFilePast2GiB)
     ASSERT_TRUE(MakeSparse(path, fileLength, markers));
     CountingUploadPeer peer(markers);
     ASSERT_TRUE(peer.Listen());
-    CountingNotifier counter(Markers{});
+    static const Markers none;
+    CountingNotifier counter(none);
     std::unique_ptr<CMLHttpPool> pool(CMLHttpPool::NewL(&counter, nullptr, 1));
     const QByteArray url = QByteArray("http://127.0.0.1:") + QByteArray::number(peer.Port()) + "/up";
     unsigned char fields[] = "k=v";
