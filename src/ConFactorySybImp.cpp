@@ -112,6 +112,13 @@ void CConFactorySybImp::OnTimer()
 {
 }
 
+ITcpCon* CConFactorySybImp::ConnectionAt(int slot) const
+{
+    if (slot < 0 || slot >= KMaxConnections)
+        return nullptr;
+    return iConnections[slot];
+}
+
 int CConFactorySybImp::FreeSlot() const
 {
     for (int slot = 0; slot < KMaxConnections; ++slot) {

@@ -82,6 +82,9 @@ public:
 
     // Connections handed out and not yet released.
     int GetConnectionCount() const { return iConnectionCount; }
+    // The connection in slot (0 to KMaxConnections - 1), null when the slot
+    // is empty or out of range. GetTcpCon fills the first empty slot.
+    ITcpCon* ConnectionAt(int slot) const;
 
 private:
     // The first empty slot, or KNoSlot.
@@ -89,8 +92,6 @@ private:
     // The slot holding connection, or KNoSlot.
     [[nodiscard]] int SlotOf(const ITcpCon* connection) const;
     static constexpr int KNoSlot = -1;
-
-    friend class CConFactorySybImpTestPeer;
 
     QPointer<CIAPConnectEngine> iIapEngine;
     ITcpCon* iConnections[KMaxConnections] = {};

@@ -284,6 +284,11 @@ bool CSocketsEngine::IsCloseConnAndIap() const
     return iCloseConnAndIap;
 }
 
+CIAPConnectEngine* CSocketsEngine::IapEngine() const
+{
+    return iIapEngine.data();
+}
+
 void CSocketsEngine::reconnectNetworkSession()
 {
     if (iSession == nullptr)

@@ -147,6 +147,9 @@ public:
     // it, its owner may.
     void CloseConnAndIap(bool close);
     bool IsCloseConnAndIap() const;
+    // The access point engine given at construction; null when none was
+    // given or it has been destroyed.
+    CIAPConnectEngine* IapEngine() const;
 
     // Opens again a session that is not connected (waits up to
     // KSessionOpenWaitMs).

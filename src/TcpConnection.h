@@ -73,6 +73,9 @@ public:
 
     // Set by Close, cleared by Connect; nothing in the library reads it.
     bool IsClosedByRequest() const { return iClosedByRequest; }
+    // The engine made by InitConnection (owned by this connection), null
+    // before it.
+    CSocketsEngine* SocketsEngine() const { return iSocketEngine; }
 
     // MUINotifier: each passes to the observer's operation of the same name.
     void OnRecv(const unsigned char* data, int length) override;
@@ -83,7 +86,6 @@ public:
     void OnOpen() override;
 
 private:
-    friend class CTcpConnectionTestPeer;
 
     ITcpConObserver* iObserver = nullptr;
     CSocketsEngine* iSocketEngine = nullptr;

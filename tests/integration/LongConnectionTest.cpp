@@ -32,13 +32,6 @@ void PrintTo(const QByteArray& bytes, std::ostream* os)
     *os << '"' << velatest::Visible(bytes) << '"';
 }
 
-// Reaches a connection's engine (to shorten its connect time-out).
-class CTcpConnectionTestPeer
-{
-public:
-    static CSocketsEngine* Engine(CTcpConnection& connection) { return connection.iSocketEngine; }
-};
-
 namespace {
 
 using ::testing::_;
@@ -344,7 +337,7 @@ TEST(LongConnectionTest, ConnectThatCannotCompleteTimesOutSilently)
     ASSERT_NE(port, 0);
     CConFactorySybImp factory;
     auto* connection = static_cast<CTcpConnection*>(factory.GetTcpCon());
-    CSocketsEngine* engine = CTcpConnectionTestPeer::Engine(*connection);
+    CSocketsEngine* engine = connection->SocketsEngine();
     engine->SetConnectTimeOut(300000);  // 0.3 s instead of 30 s
 
     Client client;

@@ -27,39 +27,18 @@
 #include <string>
 #include <vector>
 
-// Reaches the factory's slots.
-class CConFactorySybImpTestPeer
-{
-public:
-    static ITcpCon* Slot(const CConFactorySybImp& factory, int index) { return factory.iConnections[index]; }
-};
-
-// Reaches a connection's engine.
-class CTcpConnectionTestPeer
-{
-public:
-    static CSocketsEngine* Engine(CTcpConnection& connection) { return connection.iSocketEngine; }
-};
-
-class CSocketsEngineTestPeer
-{
-public:
-    static CIAPConnectEngine* IapEngine(const CSocketsEngine& engine) { return engine.iIapEngine.data(); }
-};
-
 namespace {
 
 using MockObserver = velatest::MockTcpConObserver;
 using Server = velatest::LoopbackServer;
 
 using ::testing::StrictMock;
-using Peer = CConFactorySybImpTestPeer;
 
 constexpr int KDeadlineMs = 10000;
 
 CSocketsEngine* EngineOf(ITcpCon* connection)
 {
-    return CTcpConnectionTestPeer::Engine(*static_cast<CTcpConnection*>(connection));
+    return static_cast<CTcpConnection*>(connection)->SocketsEngine();
 }
 
 // Connects connection to server and waits for OnConnected.
@@ -83,7 +62,7 @@ TEST(ConFactorySybImpTest, NewFactoryHasNoEngineAndNoConnections)
     EXPECT_EQ(factory.GetIapConnectEngine(), nullptr);
     EXPECT_EQ(factory.GetConnectionCount(), 0);
     for (int i = 0; i < CConFactorySybImp::KMaxConnections; ++i)
-        EXPECT_EQ(Peer::Slot(factory, i), nullptr);
+        EXPECT_EQ(factory.ConnectionAt(i), nullptr);
 }
 
 TEST(ConFactorySybImpTest, TenConnectionsFillTheSlotsInOrder)
@@ -93,7 +72,7 @@ TEST(ConFactorySybImpTest, TenConnectionsFillTheSlotsInOrder)
     for (int i = 0; i < 10; ++i) {
         ITcpCon* connection = factory.GetTcpCon();
         ASSERT_NE(connection, nullptr) << "connection " << i;
-        EXPECT_EQ(Peer::Slot(factory, i), connection);
+        EXPECT_EQ(factory.ConnectionAt(i), connection);
         EXPECT_FALSE(connection->IsConnected());
         seen.insert(connection);
     }
@@ -119,13 +98,13 @@ TEST(ConFactorySybImpTest, RelTcpConFreesTheSlotForTheNextConnection)
     for (int i = 0; i < 3; ++i)
         connections.push_back(factory.GetTcpCon());
     factory.RelTcpCon(connections[1]);
-    EXPECT_EQ(Peer::Slot(factory, 1), nullptr);
+    EXPECT_EQ(factory.ConnectionAt(1), nullptr);
     EXPECT_EQ(factory.GetConnectionCount(), 2);
 
     ITcpCon* next = factory.GetTcpCon();
     ASSERT_NE(next, nullptr);
-    EXPECT_EQ(Peer::Slot(factory, 1), next);
-    EXPECT_EQ(Peer::Slot(factory, 3), nullptr);
+    EXPECT_EQ(factory.ConnectionAt(1), next);
+    EXPECT_EQ(factory.ConnectionAt(3), nullptr);
     EXPECT_EQ(factory.GetConnectionCount(), 3);
 }
 
@@ -141,7 +120,7 @@ TEST(ConFactorySybImpTest, ReleasedSlotLetsATenthConnectionIn)
     factory.RelTcpCon(first);
     ITcpCon* again = factory.GetTcpCon();
     ASSERT_NE(again, nullptr);
-    EXPECT_EQ(Peer::Slot(factory, 0), again);
+    EXPECT_EQ(factory.ConnectionAt(0), again);
     EXPECT_EQ(factory.GetConnectionCount(), 10);
 }
 
@@ -154,9 +133,9 @@ TEST(ConFactorySybImpTest, RelTcpConOfAnotherFactorysConnectionChangesNothing)
     factory.RelTcpCon(theirs);
     factory.RelTcpCon(nullptr);
     EXPECT_EQ(factory.GetConnectionCount(), 1);
-    EXPECT_EQ(Peer::Slot(factory, 0), mine);
+    EXPECT_EQ(factory.ConnectionAt(0), mine);
     EXPECT_EQ(other.GetConnectionCount(), 1);
-    EXPECT_EQ(Peer::Slot(other, 0), theirs);
+    EXPECT_EQ(other.ConnectionAt(0), theirs);
     // Still alive and usable (the sanitizer build would see a freed one).
     EXPECT_FALSE(theirs->IsConnected());
     theirs->SetObserver(nullptr);
@@ -222,9 +201,9 @@ TEST(ConFactorySybImpLiveTest, ReleaseClosesConnectedConnectionsAndKeepsThemInTh
     EXPECT_FALSE(a->IsConnected());
     EXPECT_FALSE(c->IsConnected());
     EXPECT_FALSE(idle->IsConnected());
-    EXPECT_EQ(Peer::Slot(factory, 0), a);
-    EXPECT_EQ(Peer::Slot(factory, 1), idle);
-    EXPECT_EQ(Peer::Slot(factory, 2), c);
+    EXPECT_EQ(factory.ConnectionAt(0), a);
+    EXPECT_EQ(factory.ConnectionAt(1), idle);
+    EXPECT_EQ(factory.ConnectionAt(2), c);
     EXPECT_EQ(factory.GetConnectionCount(), 3);
     EXPECT_EQ(EngineOf(a)->State(), ENotConnected);
     ASSERT_TRUE(server.WaitForPeerClose(0));
@@ -259,8 +238,8 @@ TEST(ConFactorySybImpIapTest, SetIapEngineReachesTheConnectionsMadeAfterIt)
     factory.SetIapEngine(iap.get());
     EXPECT_EQ(factory.GetIapConnectEngine(), iap.get());
     ITcpCon* after = factory.GetTcpCon();
-    EXPECT_EQ(CSocketsEngineTestPeer::IapEngine(*EngineOf(before)), nullptr);
-    EXPECT_EQ(CSocketsEngineTestPeer::IapEngine(*EngineOf(after)), iap.get());
+    EXPECT_EQ(EngineOf(before)->IapEngine(), nullptr);
+    EXPECT_EQ(EngineOf(after)->IapEngine(), iap.get());
 }
 
 TEST(ConFactorySybImpIapTest, ConstructorArgumentGivesTheEngineToo)
@@ -268,7 +247,7 @@ TEST(ConFactorySybImpIapTest, ConstructorArgumentGivesTheEngineToo)
     std::unique_ptr<CIAPConnectEngine> iap(CIAPConnectEngine::NewL("factory-iap"));
     CConFactorySybImp factory(iap.get());
     EXPECT_EQ(factory.GetIapConnectEngine(), iap.get());
-    EXPECT_EQ(CSocketsEngineTestPeer::IapEngine(*EngineOf(factory.GetTcpCon())), iap.get());
+    EXPECT_EQ(EngineOf(factory.GetTcpCon())->IapEngine(), iap.get());
 }
 
 TEST(ConFactorySybImpIapTest, QuestionsGoToTheAccessPointEngine)
@@ -311,7 +290,7 @@ TEST(ConFactorySybImpIapTest, DestroyedEngineIsForgotten)
     CQWString name(QString("kept"));
     factory.GetIapName(name);
     EXPECT_EQ(name, CQWString(QString("kept")));
-    EXPECT_EQ(CSocketsEngineTestPeer::IapEngine(*EngineOf(connection)), nullptr);
+    EXPECT_EQ(EngineOf(connection)->IapEngine(), nullptr);
 }
 
 }  // namespace

@@ -28,13 +28,6 @@ void PrintTo(const QByteArray& bytes, std::ostream* os)
     *os << '"' << velatest::Visible(bytes) << '"';
 }
 
-// Reaches the connection's engine.
-class CTcpConnectionTestPeer
-{
-public:
-    static CSocketsEngine* Engine(CTcpConnection& connection) { return connection.iSocketEngine; }
-};
-
 namespace {
 
 using MockObserver = velatest::MockTcpConObserver;
@@ -43,7 +36,6 @@ using Server = velatest::LoopbackServer;
 using ::testing::_;
 using ::testing::Invoke;
 using ::testing::StrictMock;
-using Peer = CTcpConnectionTestPeer;
 
 constexpr int KDeadlineMs = 10000;
 
@@ -83,10 +75,10 @@ protected:
 TEST(TcpConnectionSetupTest, InitConnectionMakesAnIdleEngine)
 {
     CTcpConnection connection;
-    EXPECT_EQ(Peer::Engine(connection), nullptr);
+    EXPECT_EQ(connection.SocketsEngine(), nullptr);
     EXPECT_EQ(connection.InitConnection(nullptr), 1);
-    ASSERT_NE(Peer::Engine(connection), nullptr);
-    EXPECT_EQ(Peer::Engine(connection)->State(), ENotConnected);
+    ASSERT_NE(connection.SocketsEngine(), nullptr);
+    EXPECT_EQ(connection.SocketsEngine()->State(), ENotConnected);
     EXPECT_FALSE(connection.IsConnected());
     EXPECT_FALSE(connection.IsClosedByRequest());
 }
@@ -132,7 +124,7 @@ TEST_P(TcpConnectionAddressTest, LengthDecidesWhetherAConnectStarts)
     const AddressRow row = GetParam();
     CTcpConnection connection;
     ASSERT_EQ(connection.InitConnection(nullptr), 1);
-    CSocketsEngine* engine = Peer::Engine(connection);
+    CSocketsEngine* engine = connection.SocketsEngine();
     // Nothing listens there; the connect, where one starts, stays pending.
     engine->SetConnectTimeOut(CSocketsEngine::KTimeOut);
     std::vector<char> text;
@@ -224,7 +216,7 @@ TEST_F(TcpConnectionTest, CloseOnAConnectedConnectionEndsIdleWithoutOnClose)
 {
     ConnectToServer();
     m_connection.Close();
-    CSocketsEngine* engine = Peer::Engine(m_connection);
+    CSocketsEngine* engine = m_connection.SocketsEngine();
     EXPECT_EQ(engine->State(), ENotConnected);
     EXPECT_TRUE(engine->IsCloseConnAndIap());
     EXPECT_FALSE(m_connection.IsConnected());
@@ -285,8 +277,8 @@ TEST(TcpConnectionObserverTest, ReportsBeforeSetObserverAreDropped)
     connection.OnBlock();
     connection.OnOpen();
     // The engine's own reports take the same path.
-    Peer::Engine(connection)->OnIapTransferBlocked();
-    Peer::Engine(connection)->ChangeStatus(EDisconnected);
+    connection.SocketsEngine()->OnIapTransferBlocked();
+    connection.SocketsEngine()->ChangeStatus(EDisconnected);
 }
 
 TEST(TcpConnectionObserverTest, EachReportIsPassedOnUnchanged)
@@ -321,7 +313,7 @@ TEST(TcpConnectionObserverTest, EngineReportsTravelThroughTheConnection)
     ASSERT_EQ(connection.InitConnection(nullptr), 1);
     StrictMock<MockObserver> observer;
     connection.SetObserver(&observer);
-    CSocketsEngine* engine = Peer::Engine(connection);
+    CSocketsEngine* engine = connection.SocketsEngine();
     const unsigned char data[1] = {42};
     ::testing::InSequence order;
     EXPECT_CALL(observer, OnRecv(data, 1));
