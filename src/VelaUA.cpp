@@ -3,11 +3,6 @@
 #include "BaseClass/src/CBaseUtil.h"
 #include "src/internal/VelaUA_p.h"
 
-#include <QFontMetrics>
-#include <QGuiApplication>
-#include <QRect>
-#include <QScreen>
-
 namespace {
 
 const char KProductName[] = "PLV2010";
@@ -16,13 +11,19 @@ const char KUnknownSlot[] = "NA";
 const char KPlatformTag[] = "SYM2";
 const char KFormatTag[] = "V2";
 const char KEmptyModelName[] = "NA";
-// The ideograph whose drawn width tells the font size to the server.
-const ushort KMeasureChar = 0x56FD;
 const int KMaxEquipmentNameLength = 16;
+
+// Set only while velanet-widgets is loaded.
+velanet::ScreenProbe g_screenProbe = nullptr;
 
 }  // namespace
 
 namespace velanet {
+
+void SetScreenProbe(ScreenProbe probe)
+{
+    g_screenProbe = probe;
+}
 
 void FormatScreenInfo(int width, int height, int charWidth, CQSString& out)
 {
@@ -47,20 +48,16 @@ void CVelaUA::GetVersion(CQSString& out)
 
 void CVelaUA::GetScreenInfo(CQSString& out)
 {
-    int width = velanet::KDefaultScreenWidth;
-    int height = velanet::KDefaultScreenHeight;
-    int charWidth = velanet::KDefaultCharWidth;
-    // Only a GUI application has screens and fonts; a console program keeps
-    // the defaults instead of failing for want of a display.
-    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
-        if (const QScreen* screen = QGuiApplication::primaryScreen()) {
-            const QRect geometry = screen->geometry();
-            width = geometry.right() - geometry.left() + 1;
-            height = geometry.bottom() - geometry.top() + 1;
-            charWidth = QFontMetrics(QGuiApplication::font()).horizontalAdvance(QChar(KMeasureChar));
-        }
+    // The core never touches a display: only the probe of velanet-widgets
+    // does, and only inside a GUI application. A console program, or a
+    // process without velanet-widgets, keeps the default screen.
+    velanet::ScreenMetrics metrics;
+    if (g_screenProbe) {
+        velanet::ScreenMetrics probed;
+        if (g_screenProbe(probed))
+            metrics = probed;
     }
-    velanet::FormatScreenInfo(width, height, charWidth, out);
+    velanet::FormatScreenInfo(metrics.width, metrics.height, metrics.charWidth, out);
 }
 
 void CVelaUA::GetEquipmentName(CQSString& name)

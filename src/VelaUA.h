@@ -16,8 +16,10 @@ public:
     // "10066".
     static void GetVersion(CQSString& out);
     // Screen width/16 and height/16 in decimal, then the pixel width of the
-    // character U+56FD in the application font. Without a GUI application
-    // (a console program) the screen is 854 x 480 and the width 24.
+    // character U+56FD in the application font. The screen is read only in
+    // a process that loads velanet-widgets and runs a GUI application;
+    // otherwise (a console program, or the core library alone) the screen
+    // is 854 x 480 and the width 24.
     static void GetScreenInfo(CQSString& out);
     // Cleans a model name in place: invisible characters and the separators
     // "/", "_", "&", "|" are removed; an empty result becomes "NA".

@@ -1,5 +1,6 @@
-// Identification strings in a GUI application (offscreen platform): the
-// screen info comes from the primary screen and the application font.
+// Identification strings in a GUI application (offscreen platform) that
+// loads velanet-widgets: the screen info comes from the primary screen and
+// the application font.
 
 #include "src/HttpData.h"
 #include "src/VelaUA.h"
@@ -10,7 +11,18 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 namespace {
+
+TEST(VelaUAGuiTest, TheWidgetsLibraryIsLoaded)
+{
+    // RTLD_NOLOAD only looks for an already loaded library.
+    void* handle = dlopen(VELANET_WIDGETS_SONAME, RTLD_LAZY | RTLD_NOLOAD);
+    EXPECT_NE(nullptr, handle);
+    if (handle)
+        dlclose(handle);
+}
 
 TEST(VelaUAGuiTest, ScreenInfoComesFromThePrimaryScreen)
 {
