@@ -5,7 +5,9 @@
 #include "src/IAPConnectEngine.h"
 
 #include <QApplication>
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 #include <QDesktopWidget>
+#endif
 #include <QHBoxLayout>
 #include <QListWidget>
 #include <QListWidgetItem>
@@ -26,8 +28,13 @@ CApnDialog::CApnDialog(const QVector<QString>& names, SelectIAPObserver* observe
     : m_pObserver(observer)
 {
     // The list starts out under the desktop widget; the scroll area takes it
-    // over below, so the dialog owns it in the end.
+    // over below, so the dialog owns it in the end. Qt 6 has no desktop
+    // widget: there the list starts without a parent, with the same result.
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     m_pListWidget = new QListWidget(QApplication::desktop());
+#else
+    m_pListWidget = new QListWidget;
+#endif
     m_pScrollArea = new QScrollArea;
     m_pScrollArea->setBackgroundRole(QPalette::Dark);
     m_pScrollArea->setWidget(m_pListWidget);

@@ -47,23 +47,20 @@ constexpr int KNameTooLong = -1;
 constexpr int KFresh = 1;      // resolved or updated during this run
 constexpr int KFromFile = 0;   // read from the file
 
-// "now" for entry times: the seconds of a default-constructed QDateTime. That
-// value is invalid, so Qt gives 0xFFFFFFFF, the same at creation and at load.
+// "now" for entry times: what QDateTime::toTime_t() gives for a
+// default-constructed QDateTime. That value is invalid, and toTime_t()
+// answers an invalid time (or one outside 32 bits) with 0xFFFFFFFF, the same
+// at creation and at load. Qt 6 has no toTime_t(), so its rule is applied to
+// toSecsSinceEpoch() here, on both Qt versions alike.
 // Kept on purpose: ages compare like with like and no entry is dropped for age.
 [[nodiscard]] qint64 Now()
 {
-    const QDateTime unset;
-#if QT_DEPRECATED_SINCE(5, 8)
-    QT_WARNING_PUSH
-    QT_WARNING_DISABLE_DEPRECATED
-    return static_cast<qint64>(unset.toTime_t());
-    QT_WARNING_POP
-#else
-    // What toTime_t gives: 0xFFFFFFFF for an invalid time or one out of range.
     constexpr qint64 KNoTime = 0xFFFFFFFFLL;
+    const QDateTime unset;
+    if (!unset.isValid())
+        return KNoTime;
     const qint64 seconds = unset.toSecsSinceEpoch();
-    return (!unset.isValid() || seconds < 0 || seconds >= KNoTime) ? KNoTime : seconds;
-#endif
+    return (seconds < 0 || seconds >= KNoTime) ? KNoTime : seconds;
 }
 
 // True when now - time exceeds maxAge, computed without overflow.

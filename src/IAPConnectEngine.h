@@ -8,7 +8,12 @@
 // hear when transfer is blocked or open again.
 //
 // The system brings the bearer up by itself, so the session calls are fixed
-// answers: Connect always succeeds and no observer is ever called.
+// answers: Connect always succeeds. The observers hear when the system goes
+// offline (OnIapTransferBlocked) and online again (OnIapTransferOpen): from
+// Qt 5's bearer management (QNetworkConfigurationManager's online state), or
+// on Qt 6 from QNetworkInformation (online: reachability Local or better).
+// Without a network information backend (Qt 6), or without an application
+// object, nothing is reported and IsWifiAPN() is false.
 //
 // Lifetime. Observers are not owned. An observer removes itself before it
 // is destroyed. An observer that may outlive the access point engine must
@@ -85,7 +90,9 @@ public:
     bool HasConnectStateObserver(MIAPConnectStateObserver* observer) const;
 
     // True when the first configuration that is exactly Active with bearer
-    // "WLAN" (case matters) exists in the system's list.
+    // "WLAN" (case matters) exists in the system's list. On Qt 6 the list is
+    // the default connection as QNetworkInformation describes it: WLAN when
+    // its medium is WiFi and its reachability Local or better.
     bool IsWifiAPN() const;
 
     // The IAP file: CQPath::GetIAPFilePath (local 8-bit text) with every
@@ -101,6 +108,11 @@ public:
 public slots:
     void sessionOpened();
 
+private slots:
+    // The network may have changed: when the system went offline or came
+    // online since the last look, every observer hears it, in list order.
+    void OnNetworkChanged();
+
 protected:
     // Timers of this object are one-shot: the first event kills its timer.
     void timerEvent(QTimerEvent* event) override;
@@ -108,12 +120,17 @@ protected:
 private:
     explicit CIAPConnectEngine(const QString& name);
 
+    // Calls OnIapTransferOpen (open) or OnIapTransferBlocked on each observer
+    // that is still registered when its turn comes.
+    void ReportTransfer(bool open);
+
     friend class CIAPConnectEngineTestPeer;
 
     QString m_strIapName;
     QString m_strIapNameCopy;
     QString m_strCurrentIap;
     qint32 m_nSessionState = KSessionNone;
+    bool m_bOnline = false;
     CQList<MIAPConnectStateObserver*, MIAPConnectStateObserver*> m_listObservers;
 };
 

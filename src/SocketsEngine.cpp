@@ -10,14 +10,16 @@
 
 #include <new>
 
-// Qt marks the bearer classes deprecated; the platforms that need a network
-// session before a connect still use them.
+// Qt 5 marks the bearer classes deprecated; the platforms that need a network
+// session before a connect still use them. Qt 6 has none.
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
 #include <QNetworkConfiguration>
 #include <QNetworkConfigurationManager>
 #include <QNetworkSession>
 QT_WARNING_POP
+#endif
 
 class CSocketsEngine::CSignalScope
 {
@@ -108,6 +110,7 @@ CSocketsEngine::~CSocketsEngine()
     const bool inSignal = iSignalDepth > 0;
     ForgetLookup();
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     if (iSession != nullptr) {
         // Our own stop and close are not reports.
         disconnect(iSession, nullptr, this, nullptr);
@@ -119,6 +122,7 @@ CSocketsEngine::~CSocketsEngine()
         ReleaseObject(iSession, inSignal);
         iSession = nullptr;
     }
+#endif
     // Harmless when the engine was never registered.
     if (iIapEngine != nullptr)
         iIapEngine->RemoveConnectStateObserver(this);
@@ -162,6 +166,7 @@ int CSocketsEngine::Port() const
 int CSocketsEngine::StartConnect()
 {
     iCloseConnAndIap = false;
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     if (iSession == nullptr) {
         iSession = NewSessionIfRequired();
         if (iSession != nullptr) {
@@ -174,10 +179,12 @@ int CSocketsEngine::StartConnect()
             QT_WARNING_POP
         }
     }
+#endif
     ConnectL();
     return KConnectStarted;
 }
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
 QNetworkSession* CSocketsEngine::NewSessionIfRequired()
@@ -199,6 +206,7 @@ QNetworkSession* CSocketsEngine::NewSessionIfRequired()
     return nullptr;
 }
 QT_WARNING_POP
+#endif
 
 void CSocketsEngine::ConnectL()
 {
@@ -291,6 +299,7 @@ CIAPConnectEngine* CSocketsEngine::IapEngine() const
 
 void CSocketsEngine::reconnectNetworkSession()
 {
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     if (iSession == nullptr)
         return;
     QT_WARNING_PUSH
@@ -300,6 +309,7 @@ void CSocketsEngine::reconnectNetworkSession()
         iSession->waitForOpened(KSessionOpenWaitMs);
     }
     QT_WARNING_POP
+#endif
 }
 
 void CSocketsEngine::ChangeStatus(TSocketsEngineState state)

@@ -2,7 +2,8 @@
 #define VELANET_SOCKETSENGINE_H
 
 // CSocketsEngine keeps one long-lived TCP connection to a messaging server:
-// it opens the platform's network session where the platform requires one,
+// it opens the platform's network session where the platform requires one
+// (Qt 5's bearer management; Qt 6 has no sessions and opens none),
 // resolves the server name, connects with a time-out, passes received bytes
 // up as they come and reports connection and bearer events to its owner
 // (MUINotifier). Its reader and writer move the bytes (CSocketsReader,
@@ -35,7 +36,9 @@ class CIAPConnectEngine;
 class CSocketsReader;
 class CSocketsWriter;
 class QByteArray;
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 class QNetworkSession;
+#endif
 class QTcpSocket;
 
 enum TSocketsEngineState
@@ -120,6 +123,7 @@ public:
     // Opens the network session if the platform requires one, then
     // ConnectL(). KConnectStarted, or KSessionNotOpened when the session
     // did not open (it is kept, and the next call does not open it again).
+    // Qt 6 has no sessions: there it always connects.
     int StartConnect();
     // In ENotConnected only: connects to the server name if it is an IP
     // address, else looks it up first (OnGetIPAddress).
@@ -152,7 +156,7 @@ public:
     CIAPConnectEngine* IapEngine() const;
 
     // Opens again a session that is not connected (waits up to
-    // KSessionOpenWaitMs).
+    // KSessionOpenWaitMs). Nothing without a session (always on Qt 6).
     void reconnectNetworkSession();
     // Stores state; EConnected reports OnConnected, EDisconnected
     // OnClose(KCloseByPeer), the others nothing.
@@ -193,6 +197,7 @@ private:
     CSocketsEngine(MUINotifier& notifier, CIAPConnectEngine* iapEngine);
     void ConstructL();
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     // When StartConnect opens a session.
     enum TSessionRule
     {
@@ -200,6 +205,7 @@ private:
         ESessionOnDefault = 1,           // always, on the default configuration (tests)
         ESessionOnInvalid = 2,           // always, on a configuration that never opens (tests)
     };
+#endif
     static constexpr int KNoLookup = -1;
 
     // A report made from inside a signal of the socket or the session; while
@@ -208,8 +214,10 @@ private:
     friend class CSignalScope;
     friend class CSocketsEngineTestPeer;
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     // Creates the session StartConnect opens, or null when none is needed.
     [[nodiscard]] QNetworkSession* NewSessionIfRequired();
+#endif
     // Ends the socket's connection without a report: disconnected() is
     // no longer listened to (Qt emits it from inside close(), or later once
     // written bytes are flushed), and a connect still under way is aborted.
@@ -230,12 +238,16 @@ private:
     bool iCloseConnAndIap = false;
     CSocketsWriter* iWriter = nullptr;
     CSocketsReader* iReader = nullptr;
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     QNetworkSession* iSession = nullptr;
+#endif
 
     int iConnectTimeOut = KTimeOut;
     int iLookupId = KNoLookup;
     int iSignalDepth = 0;
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     TSessionRule iSessionRule = ESessionIfPlatformRequires;
+#endif
 };
 
 #endif

@@ -157,7 +157,7 @@ PeerScript& PeerScript::SendSplit(const QByteArray& bytes, const QList<int>& cut
     QList<QByteArray> pieces;
     int from = 0;
     for (int cut : cuts) {
-        const int to = std::min(std::max(cut, from), bytes.size());
+        const int to = std::min(std::max(cut, from), static_cast<int>(bytes.size()));
         pieces.append(bytes.mid(from, to - from));
         from = to;
     }

@@ -34,8 +34,16 @@ const int KCertificateDays = 30;
 // aborted test run leaves no server holding a port.
 class ChildProcess : public QProcess
 {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+public:
+    ChildProcess()
+    {
+        setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
+    }
+#else
 protected:
     void setupChildProcess() override { ::prctl(PR_SET_PDEATHSIG, SIGKILL); }
+#endif
 };
 
 QByteArray ReadFile(const QString& path)

@@ -1242,6 +1242,33 @@ TEST_F(CookieHolderTest, ReadFromfileResults)
     EXPECT_EQ(1, holder.cookies.GetCount());
 }
 
+// A domain file written out in full, so that builds against Qt 5 and Qt 6
+// are held to the same bytes: two records of "zorb.example", in the order
+// of the cookie table ("lang" before "SID"), the first with an empty value,
+// both expiring at 4000000000 (in 2096).
+const char KTwoRecordFile[] = "lang\r\n\r\nzorb.example\r\n4000000000\r\n"
+                              "SID\r\nab12\r\nzorb.example\r\n4000000000\r\n";
+
+TEST_F(CookieHolderTest, FileGivenByItsBytesLoadsAndSavesBackTheSame)
+{
+    const QByteArray bytes(KTwoRecordFile);
+    ASSERT_EQ(71, bytes.size());
+    PutFile("zorb@zorb.example.txt", bytes);
+    QCookieHolder holder;
+    holder.ConstructL(Base());
+    QCookie* cookie = holder.cookies.get(CQSString("zorb.example"));
+    ASSERT_NE(nullptr, cookie);
+    EXPECT_EQ(CQSString("zorb.example"), cookie->domain);
+    EXPECT_EQ(2, cookie->values.GetCount());
+    EXPECT_EQ(Cookie("SID", "ab12", 4000000000u), *cookie->GetCookie(CQSString("SID")));
+    EXPECT_EQ(Cookie("lang", "", 4000000000u), *cookie->GetCookie(CQSString("lang")));
+
+    // Marked modified, the domain is written back to the same bytes.
+    cookie->modified = true;
+    holder.Save2File();
+    EXPECT_EQ(Visible(bytes), Visible(Contents(CookieFile("zorb@zorb.example.txt"))));
+}
+
 // ---- ClearCookiFile -------------------------------------------------------
 
 TEST_F(CookieHolderTest, ClearForgetsEverythingAndEmptiesTheDirectory)
@@ -1312,7 +1339,7 @@ TEST(CookieFileReaderTest, EveryPrefixGivesTheCompleteRecords)
                              Record("n3", "v\r3", "e.org", 4294967295u);
     const int ends[] = {static_cast<int>(Record("name", "value", "d.org", 123).size()),
                         static_cast<int>(Record("name", "value", "d.org", 123).size() + Record("n2", "v2", "", 0).size()),
-                        whole.size()};
+                        static_cast<int>(whole.size())};
     for (int length = 0; length <= whole.size(); ++length) {
         std::unique_ptr<unsigned char[]> exact(new unsigned char[length > 0 ? length : 1]);
         std::memcpy(exact.get(), whole.constData(), static_cast<std::size_t>(length));

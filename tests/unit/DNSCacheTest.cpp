@@ -173,10 +173,13 @@ TEST(DNSCacheTime, NowIsTheSecondsOfADefaultConstructedDateTime)
 {
     const QDateTime unset;
     EXPECT_FALSE(unset.isValid());
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     EXPECT_EQ(static_cast<unsigned int>(KNow), unset.toTime_t());
     QT_WARNING_POP
+#endif
+    EXPECT_EQ(4294967295LL, KNow);
 }
 
 // ---- configuration -------------------------------------------------------
@@ -198,6 +201,31 @@ TEST(DNSCacheDirectory, DirectoryWithOrWithoutTrailingSlash)
     CDNSCache::SetCacheDirectory(QString());
     EXPECT_EQ(QStringLiteral("./dns_cache.dat"), CDNSCache::CacheFilePath());
     CDNSCache::SetCacheDirectory(QString::fromLatin1(CDNSCache::KDefaultDirectory));
+}
+
+// The file's bytes written out in full, so that builds against Qt 5 and
+// Qt 6 are held to the same file: count 1, L 1, "a", ip 127.0.0.1, time
+// 0xFFFFFFFF as a 64-bit little-endian value.
+const char KOneEntryFile[] = "\x01\x00\x00\x00"
+                             "\x01\x00\x00\x00"
+                             "a\x00"
+                             "\x01\x00\x00\x7f"
+                             "\xff\xff\xff\xff\x00\x00\x00\x00";
+constexpr int KOneEntryFileSize = 22;
+
+TEST_F(DNSCacheTest, SavedTimeIsTheSameFourOnesBytesOnEveryQtVersion)
+{
+    {
+        CDNSCache cache;
+        cache.Update(W("a"), 0x7F000001u);
+    }
+    EXPECT_EQ(QByteArray(KOneEntryFile, KOneEntryFileSize), ReadAll(m_path)) << velatest::Visible(ReadAll(m_path));
+}
+
+TEST_F(DNSCacheTest, FileOfTheOtherQtVersionLoads)
+{
+    const std::vector<DNSInfo> expected = {Info("a", 0x7F000001u, 0xFFFFFFFFLL, 0)};
+    EXPECT_EQ(expected, LoadFrom(QByteArray(KOneEntryFile, KOneEntryFileSize)));
 }
 
 TEST_F(DNSCacheTest, FileGoesIntoTheDirectoryGivenWithoutSlash)

@@ -1,5 +1,6 @@
 // The access point engine: its registry entry, the fixed session answers,
-// the observer list, the IAP file and the WLAN question.
+// the observer list, the IAP file, the WLAN question and the bearer events,
+// on Qt 5's bearer list and on Qt 6's network information alike.
 
 #include "src/IAPConnectEngine.h"
 
@@ -17,11 +18,17 @@
 #include <QMetaObject>
 #include <QtGlobal>
 
+#include <QPointer>
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+#include <QNetworkInformation>
+#else
 QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
 #include <QNetworkConfiguration>
 #include <QNetworkConfigurationManager>
 QT_WARNING_POP
+#endif
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -64,15 +71,13 @@ using ::testing::StrictMock;
 
 constexpr int KUid = 16;
 
-QT_WARNING_PUSH
-QT_WARNING_DISABLE_DEPRECATED
-const int KUndefined = static_cast<int>(QNetworkConfiguration::Undefined);
-const int KDefined = static_cast<int>(QNetworkConfiguration::Defined);
-const int KDiscovered = static_cast<int>(QNetworkConfiguration::Discovered);
-const int KActive = static_cast<int>(QNetworkConfiguration::Active);
-QT_WARNING_POP
+constexpr int KUndefined = velanet::KConfigurationUndefined;
+constexpr int KDefined = velanet::KConfigurationDefined;
+constexpr int KDiscovered = velanet::KConfigurationDiscovered;
+constexpr int KActive = velanet::KConfigurationActive;
 
-// Nothing in the library calls these; a strict mock fails on any call.
+// Only a change of the network calls these; a strict mock fails on any call
+// a test does not expect.
 class MockIapObserver : public MIAPConnectStateObserver
 {
 public:
@@ -603,6 +608,19 @@ TEST_F(IAPConnectEngineTest, IsWifiAPNAsksTheSourceAgainEveryTime)
     EXPECT_TRUE(engine->IsWifiAPN());
 }
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+
+TEST(IAPConfigurationStates, AreQt5sConfigurationStates)
+{
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    EXPECT_EQ(static_cast<int>(QNetworkConfiguration::Undefined), KUndefined);
+    EXPECT_EQ(static_cast<int>(QNetworkConfiguration::Defined), KDefined);
+    EXPECT_EQ(static_cast<int>(QNetworkConfiguration::Discovered), KDiscovered);
+    EXPECT_EQ(static_cast<int>(QNetworkConfiguration::Active), KActive);
+    QT_WARNING_POP
+}
+
 // Without an installed source the engine reads the system's bearer list.
 TEST_F(IAPConnectEngineTest, WithoutASourceTheSystemsConfigurationsAreWalked)
 {
@@ -622,6 +640,381 @@ TEST_F(IAPConnectEngineTest, WithoutASourceTheSystemsConfigurationsAreWalked)
     const QList<velanet::IAPConfigurationRecord> records = velanet::IAPConfigurations();
     EXPECT_EQ(all.size(), records.size());
     EXPECT_EQ(expected, engine->IsWifiAPN());
+}
+
+#else
+
+TEST(IAPConfigurationStates, AreQt6sNetworkInformationValues)
+{
+    using R = QNetworkInformation::Reachability;
+    using M = QNetworkInformation::TransportMedium;
+    EXPECT_EQ(static_cast<int>(R::Unknown), static_cast<int>(velanet::NetworkReachability::Unknown));
+    EXPECT_EQ(static_cast<int>(R::Disconnected), static_cast<int>(velanet::NetworkReachability::Disconnected));
+    EXPECT_EQ(static_cast<int>(R::Local), static_cast<int>(velanet::NetworkReachability::Local));
+    EXPECT_EQ(static_cast<int>(R::Site), static_cast<int>(velanet::NetworkReachability::Site));
+    EXPECT_EQ(static_cast<int>(R::Online), static_cast<int>(velanet::NetworkReachability::Online));
+    EXPECT_EQ(static_cast<int>(M::Unknown), static_cast<int>(velanet::NetworkMedium::Unknown));
+    EXPECT_EQ(static_cast<int>(M::Ethernet), static_cast<int>(velanet::NetworkMedium::Ethernet));
+    EXPECT_EQ(static_cast<int>(M::Cellular), static_cast<int>(velanet::NetworkMedium::Cellular));
+    EXPECT_EQ(static_cast<int>(M::WiFi), static_cast<int>(velanet::NetworkMedium::WiFi));
+    EXPECT_EQ(static_cast<int>(M::Bluetooth), static_cast<int>(velanet::NetworkMedium::Bluetooth));
+}
+
+// Without an installed source the engine asks the loaded backend, if any.
+TEST_F(IAPConnectEngineTest, WithoutASourceTheSystemsNetworkInformationIsAsked)
+{
+    velanet::SetIAPConfigurationSource({});
+    velanet::SetNetworkInformationSource({});
+    const velanet::NetworkInformationRecord system = velanet::SystemNetworkInformation();
+    const QNetworkInformation* info = QNetworkInformation::instance();
+    EXPECT_EQ(info != nullptr, system.m_bHasBackend);
+    bool expected = false;
+    if (info != nullptr) {
+        using R = QNetworkInformation::Reachability;
+        const R reachability = info->reachability();
+        expected = (reachability == R::Local || reachability == R::Site || reachability == R::Online) &&
+                   info->transportMedium() == QNetworkInformation::TransportMedium::WiFi;
+    }
+    EXPECT_EQ(info != nullptr ? 1 : 0, velanet::IAPConfigurations().size());
+    EXPECT_EQ(expected, engine->IsWifiAPN());
+}
+
+#endif
+
+// ---------------------------------------------------------------- network information
+
+struct InformationRow
+{
+    const char* name;
+    velanet::NetworkInformationRecord info;
+    std::vector<velanet::IAPConfigurationRecord> configurations;
+    bool wlan;
+};
+
+void PrintTo(const InformationRow& row, std::ostream* os)
+{
+    *os << row.name << " {backend " << row.info.m_bHasBackend << ", reachability "
+        << static_cast<int>(row.info.m_enReachability) << ", medium " << static_cast<int>(row.info.m_enMedium) << "}";
+}
+
+velanet::NetworkInformationRecord Information(velanet::NetworkReachability reachability, velanet::NetworkMedium medium)
+{
+    velanet::NetworkInformationRecord info;
+    info.m_bHasBackend = true;
+    info.m_enReachability = reachability;
+    info.m_enMedium = medium;
+    return info;
+}
+
+using Reach = velanet::NetworkReachability;
+using Medium = velanet::NetworkMedium;
+
+const InformationRow KInformationRows[] = {
+    {"no_backend", {}, {}, false},
+    {"no_backend_whatever_it_would_say", {false, Reach::Online, Medium::WiFi}, {}, false},
+    {"online_wifi", Information(Reach::Online, Medium::WiFi), {Config(KActive, "WLAN")}, true},
+    {"site_wifi", Information(Reach::Site, Medium::WiFi), {Config(KActive, "WLAN")}, true},
+    {"local_wifi", Information(Reach::Local, Medium::WiFi), {Config(KActive, "WLAN")}, true},
+    {"disconnected_wifi", Information(Reach::Disconnected, Medium::WiFi), {Config(KDiscovered, "WLAN")}, false},
+    {"unknown_reachability_wifi", Information(Reach::Unknown, Medium::WiFi), {Config(KUndefined, "WLAN")}, false},
+    {"online_ethernet", Information(Reach::Online, Medium::Ethernet), {Config(KActive, "Ethernet")}, false},
+    {"online_cellular", Information(Reach::Online, Medium::Cellular), {Config(KActive, "Cellular")}, false},
+    {"online_bluetooth", Information(Reach::Online, Medium::Bluetooth), {Config(KActive, "Bluetooth")}, false},
+    {"online_unknown_medium", Information(Reach::Online, Medium::Unknown), {Config(KActive, "")}, false},
+};
+
+bool SameRecords(const QList<velanet::IAPConfigurationRecord>& a, const std::vector<velanet::IAPConfigurationRecord>& b)
+{
+    if (static_cast<size_t>(a.size()) != b.size())
+        return false;
+    for (size_t i = 0; i < b.size(); ++i) {
+        const velanet::IAPConfigurationRecord& x = a.at(static_cast<int>(i));
+        if (x.m_nState != b[i].m_nState || x.m_strBearerTypeName != b[i].m_strBearerTypeName)
+            return false;
+    }
+    return true;
+}
+
+class NetworkInformationTest : public IAPConnectEngineTest, public ::testing::WithParamInterface<InformationRow>
+{
+};
+
+// The mapping is plain code, so both Qt versions check it.
+TEST_P(NetworkInformationTest, StandsForTheseConfigurations)
+{
+    const InformationRow& row = GetParam();
+    const QList<velanet::IAPConfigurationRecord> records = velanet::ConfigurationsFromNetworkInformation(row.info);
+    EXPECT_TRUE(SameRecords(records, row.configurations));
+    EXPECT_EQ(row.wlan, velanet::HasActiveWlan(records));
+}
+
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+// Qt 6: the engine answers from what QNetworkInformation says.
+TEST_P(NetworkInformationTest, FedToTheEngineGivesTheWlanAnswer)
+{
+    const velanet::NetworkInformationRecord info = GetParam().info;
+    int calls = 0;
+    velanet::SetNetworkInformationSource([info, &calls] {
+        ++calls;
+        return info;
+    });
+    EXPECT_EQ(GetParam().wlan, engine->IsWifiAPN());
+    EXPECT_EQ(1, calls);
+}
+#endif
+
+INSTANTIATE_TEST_SUITE_P(Rows, NetworkInformationTest, ::testing::ValuesIn(KInformationRows),
+                         [](const ::testing::TestParamInfo<InformationRow>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// ---------------------------------------------------------------- bearer events
+
+// The network as a test describes it; changing it and announcing the change
+// is what the platform does when a bearer goes down or comes up. On Qt 6 the
+// description goes in as reachability and medium, on Qt 5 as configurations.
+class BearerEventTest : public IAPConnectEngineTest
+{
+protected:
+    void SetUp() override
+    {
+        IAPConnectEngineTest::SetUp();
+        Feed(Reach::Online, Medium::WiFi);
+        // An engine made while the fed network is in place starts from it.
+        engine.reset(CIAPConnectEngine::NewL(QStringLiteral("cmnet")));
+        ASSERT_NE(nullptr, engine);
+    }
+
+    void TearDown() override
+    {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        velanet::SetNetworkInformationSource({});
+#endif
+        IAPConnectEngineTest::TearDown();
+    }
+
+    void Feed(Reach reachability, Medium medium)
+    {
+        m_info = Information(reachability, medium);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        velanet::SetNetworkInformationSource([this] { return m_info; });
+#else
+        velanet::SetIAPConfigurationSource(
+            [this] { return velanet::ConfigurationsFromNetworkInformation(m_info); });
+#endif
+    }
+
+    // The source reads m_info when asked, so the backend can go afterwards.
+    void FeedNoBackend()
+    {
+        Feed(Reach::Unknown, Medium::Unknown);
+        m_info.m_bHasBackend = false;
+    }
+
+    static void Announce()
+    {
+        velanet::NetworkWatch* watch = velanet::NetworkWatch::Instance();
+        ASSERT_NE(nullptr, watch);
+        watch->Announce();
+    }
+
+    velanet::NetworkInformationRecord m_info;
+};
+
+TEST_F(BearerEventTest, TheWatchIsOnePerProcessUnderTheApplication)
+{
+    velanet::NetworkWatch* watch = velanet::NetworkWatch::Instance();
+    ASSERT_NE(nullptr, watch);
+    EXPECT_EQ(watch, velanet::NetworkWatch::Instance());
+    EXPECT_EQ(QCoreApplication::instance(), watch->parent());
+}
+
+TEST_F(BearerEventTest, GoingOfflineTellsEveryObserverTransferIsBlockedInListOrder)
+{
+    StrictMock<MockIapObserver> a, b;
+    engine->AddConnectStateObserver(&a);
+    engine->AddConnectStateObserver(&b);
+    {
+        ::testing::InSequence order;
+        EXPECT_CALL(a, OnIapTransferBlocked());
+        EXPECT_CALL(b, OnIapTransferBlocked());
+    }
+    Feed(Reach::Disconnected, Medium::WiFi);
+    Announce();
+    EXPECT_FALSE(engine->IsWifiAPN());
+    engine->RemoveConnectStateObserver(&a);
+    engine->RemoveConnectStateObserver(&b);
+}
+
+TEST_F(BearerEventTest, ComingBackOnlineTellsTransferIsOpen)
+{
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    {
+        ::testing::InSequence order;
+        EXPECT_CALL(a, OnIapTransferBlocked());
+        EXPECT_CALL(a, OnIapTransferOpen());
+    }
+    Feed(Reach::Unknown, Medium::Unknown);
+    Announce();
+    Feed(Reach::Local, Medium::Ethernet);
+    Announce();
+    engine->RemoveConnectStateObserver(&a);
+}
+
+// Only the step between offline and online counts: other news is quiet.
+TEST_F(BearerEventTest, ChangesThatKeepTheSystemOnlineOrOfflineReportNothing)
+{
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    Announce();
+    Feed(Reach::Site, Medium::WiFi);
+    Announce();
+    Feed(Reach::Online, Medium::Ethernet);
+    Announce();
+    EXPECT_FALSE(engine->IsWifiAPN());
+    EXPECT_CALL(a, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Ethernet);
+    Announce();
+    Feed(Reach::Unknown, Medium::Unknown);
+    Announce();
+    Announce();
+    engine->RemoveConnectStateObserver(&a);
+}
+
+// Without a backend there is nothing to report, and no WLAN.
+TEST_F(BearerEventTest, LosingTheBackendCountsAsOffline)
+{
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    EXPECT_TRUE(engine->IsWifiAPN());
+    EXPECT_CALL(a, OnIapTransferBlocked());
+    FeedNoBackend();
+    Announce();
+    EXPECT_FALSE(engine->IsWifiAPN());
+    engine->RemoveConnectStateObserver(&a);
+}
+
+TEST_F(BearerEventTest, EngineMadeWithoutABackendReportsNothingUntilOneSaysOnline)
+{
+    FeedNoBackend();
+    engine.reset(CIAPConnectEngine::NewL(QStringLiteral("cmnet")));
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    Announce();
+    EXPECT_FALSE(engine->IsWifiAPN());
+    EXPECT_CALL(a, OnIapTransferOpen());
+    Feed(Reach::Online, Medium::WiFi);
+    Announce();
+    EXPECT_TRUE(engine->IsWifiAPN());
+    engine->RemoveConnectStateObserver(&a);
+}
+
+TEST_F(BearerEventTest, EveryEngineOfTheProcessHearsTheNews)
+{
+    std::unique_ptr<CIAPConnectEngine> second(CIAPConnectEngine::NewL(QStringLiteral("wifi")));
+    StrictMock<MockIapObserver> a, b;
+    engine->AddConnectStateObserver(&a);
+    second->AddConnectStateObserver(&b);
+    EXPECT_CALL(a, OnIapTransferBlocked());
+    EXPECT_CALL(b, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    engine->RemoveConnectStateObserver(&a);
+    second->RemoveConnectStateObserver(&b);
+}
+
+TEST_F(BearerEventTest, ObserverThatLeavesInsideItsReportIsNotCalledAgain)
+{
+    StrictMock<MockIapObserver> a, b, c;
+    engine->AddConnectStateObserver(&a);
+    engine->AddConnectStateObserver(&b);
+    engine->AddConnectStateObserver(&c);
+    // a removes b and itself; c still hears it.
+    EXPECT_CALL(a, OnIapTransferBlocked()).WillOnce([&] {
+        engine->RemoveConnectStateObserver(&b);
+        engine->RemoveConnectStateObserver(&a);
+    });
+    EXPECT_CALL(c, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&c));
+    engine->RemoveConnectStateObserver(&c);
+}
+
+TEST_F(BearerEventTest, ObserverAddedInsideAReportWaitsForTheNextChange)
+{
+    StrictMock<MockIapObserver> a, late;
+    engine->AddConnectStateObserver(&a);
+    EXPECT_CALL(a, OnIapTransferBlocked()).WillOnce([&] { engine->AddConnectStateObserver(&late); });
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    ::testing::Mock::VerifyAndClearExpectations(&a);
+    EXPECT_CALL(a, OnIapTransferOpen());
+    EXPECT_CALL(late, OnIapTransferOpen());
+    Feed(Reach::Online, Medium::Unknown);
+    Announce();
+    engine->RemoveConnectStateObserver(&a);
+    engine->RemoveConnectStateObserver(&late);
+}
+
+TEST_F(BearerEventTest, ObserverMayDeleteTheEngineInsideItsReport)
+{
+    StrictMock<MockIapObserver> a, b;
+    engine->AddConnectStateObserver(&a);
+    engine->AddConnectStateObserver(&b);
+    EXPECT_CALL(a, OnIapTransferBlocked()).WillOnce([&] { engine.reset(); });
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    EXPECT_EQ(nullptr, engine);
+    EXPECT_EQ(nullptr, Registered());
+}
+
+TEST_F(BearerEventTest, DestroyedEngineHearsNothing)
+{
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    engine.reset();
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+}
+
+TEST_F(BearerEventTest, FixedAnswersStayWhateverTheNetworkSays)
+{
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    EXPECT_TRUE(engine->Connect());
+    EXPECT_FALSE(engine->IsConnectedL());
+    EXPECT_EQ(0, engine->ResetIap());
+    EXPECT_EQ(QStringLiteral("cmnet"), engine->SetIap());
+}
+
+// The platform's own news reaches the engine through the watch: Qt 5's
+// manager's online state, Qt 6's backend's reachability.
+TEST_F(BearerEventTest, ThePlatformsSignalReachesTheObservers)
+{
+    velanet::NetworkWatch* watch = velanet::NetworkWatch::Instance();
+    ASSERT_NE(nullptr, watch);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    QNetworkInformation* info = QNetworkInformation::instance();
+    if (info == nullptr)
+        GTEST_SKIP() << "no network information backend on this machine";
+#endif
+    StrictMock<MockIapObserver> a;
+    engine->AddConnectStateObserver(&a);
+    EXPECT_CALL(a, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Unknown);
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    emit info->reachabilityChanged(QNetworkInformation::Reachability::Disconnected);
+#else
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    QNetworkConfigurationManager* manager = watch->findChild<QNetworkConfigurationManager*>();
+    ASSERT_NE(nullptr, manager);
+    emit manager->onlineStateChanged(false);
+    QT_WARNING_POP
+#endif
+    engine->RemoveConnectStateObserver(&a);
 }
 
 }  // namespace

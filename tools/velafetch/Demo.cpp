@@ -177,7 +177,7 @@ void DemoRun::OnTransferData(Transfer& transfer, const unsigned char* data, int 
         item.body.append(reinterpret_cast<const char*>(data), len);
         return;
     }
-    item.hash->addData(reinterpret_cast<const char*>(data), len);
+    item.hash->addData(QByteArray::fromRawData(reinterpret_cast<const char*>(data), len));
     item.fileBytes += len;
     if (!item.file->Write(data, len))
         m_session->FailTransfer(transfer, item.file->Error());

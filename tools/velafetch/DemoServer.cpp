@@ -168,7 +168,7 @@ bool DemoServer::Start(QString& error)
     for (qint64 offset = 0; offset < KDownloadSize; offset += KStreamPiece) {
         const int n = static_cast<int>(qMin<qint64>(KStreamPiece, KDownloadSize - offset));
         DownloadBytes(offset, piece.data(), n);
-        hash.addData(piece.constData(), n);
+        hash.addData(QByteArray::fromRawData(piece.constData(), n));
     }
     m_downloadDigest = hash.result();
 
