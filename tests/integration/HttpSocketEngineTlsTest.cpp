@@ -401,4 +401,16 @@ TEST_F(HttpSocketEngineTlsTest, PlainExchangeAfterASecureOneUsesThePlainSocket)
     EXPECT_EQ(QAbstractSocket::UnconnectedState, Peer::SecureSocket(*engine)->state());
 }
 
+// Qt 6 loads TLS from a plugin; only the OpenSSL one does TLS here (the
+// certificate-only backend cannot connect).
+TEST(HttpSocketEngineTlsBackend, OpensslBackendIsLoaded)
+{
+    ASSERT_TRUE(QSslSocket::supportsSsl());
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    EXPECT_EQ(QStringLiteral("openssl"), QSslSocket::activeBackend());
+#endif
+    EXPECT_TRUE(QSslSocket::sslLibraryVersionString().startsWith(QStringLiteral("OpenSSL")))
+        << QSslSocket::sslLibraryVersionString().toStdString();
+}
+
 }  // namespace

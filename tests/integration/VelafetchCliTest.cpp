@@ -301,6 +301,32 @@ TEST(VelafetchGzipTest, GzipChunkedBodiesAreDecodedAndEnginesFreed)
         EXPECT_EQ(ReadFile(dir.File(QString("t%1").arg(i))), text) << i;
 }
 
+// https through the TLS backend Qt loads (a plugin on Qt 6): trusted with
+// --cacert, refused without it.
+TEST(VelafetchTlsTest, HttpsDownloadNeedsTheCaGivenWithCacert)
+{
+    velatest::TestCertificates certificates;
+    ASSERT_TRUE(certificates.Generate()) << certificates.Error().toStdString();
+    NginxOptions options;
+    options.tls = &certificates;
+    NginxServer nginx(options);
+    const QByteArray body = RandomBytes(200000, 13);
+    ASSERT_TRUE(nginx.AddFile("s.bin", body));
+    ASSERT_TRUE(nginx.Start()) << nginx.Error().toStdString();
+    TempDir dir;
+
+    const RunResult trusted =
+        Velafetch({"--cacert", certificates.CaCertificatePath(), "-o", dir.File("s.out"), nginx.TlsUrl("/s.bin")});
+    ASSERT_TRUE(trusted.finished) << trusted;
+    EXPECT_EQ(trusted.exitCode, 0) << trusted;
+    EXPECT_EQ(Sha256(ReadFile(dir.File("s.out"))), Sha256(body));
+
+    const RunResult untrusted = Velafetch({"-o", dir.File("u.out"), nginx.TlsUrl("/s.bin")});
+    ASSERT_TRUE(untrusted.finished) << untrusted;
+    EXPECT_NE(untrusted.exitCode, 0) << untrusted;
+    EXPECT_NE(Sha256(ReadFile(dir.File("u.out"))), Sha256(body));
+}
+
 // ------------------------------------------------------------ httpbin
 
 class VelafetchHttpbinTest : public ::testing::Test
