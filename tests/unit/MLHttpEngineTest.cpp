@@ -1749,30 +1749,38 @@ TEST_F(EngineTest, InterimResponsesAreSkippedWholeAtEverySplitAndBytePerByte)
     ON_CALL(obs, OnHttpEngine_HttpError(_, _)).WillByDefault(Invoke([&](int, int) { return ++others, 0; }));
     m_engine->SetObserver(&obs);
 
-    const std::string reply = "HTTP/1.1 100 Continue\r\n\r\n"
-                              "HTTP/1.1 103 Early Hints\r\nLink: </s.css>; rel=preload\r\n\r\n"
-                              "HTTP/1.1 102 Processing\r\n\r\n" +
-                              Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") +
-                              "4\r\nbody\r\n3\r\n!!!\r\n0\r\n\r\n";
-    // Sizes of the reads before the last: whole, every two-way split, one byte per read.
-    std::vector<std::vector<size_t>> plans;
-    plans.push_back({});
-    for (size_t cut = 1; cut < reply.size(); ++cut)
-        plans.push_back({cut});
-    plans.push_back(std::vector<size_t>(reply.size() - 1, 1));  // one byte per read
+    // The final head frames the body: chunked, and by its own Content-Length
+    // (an interim head without a length must not leave the body unframed).
+    const std::string replies[] = {
+        "HTTP/1.1 100 Continue\r\n\r\n"
+        "HTTP/1.1 103 Early Hints\r\nLink: </s.css>; rel=preload\r\n\r\n"
+        "HTTP/1.1 102 Processing\r\n\r\n" +
+            Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + "4\r\nbody\r\n3\r\n!!!\r\n0\r\n\r\n",
+        "HTTP/1.1 199 Whatever\r\nX-Note: interim\r\n\r\n" + Head("HTTP/1.1 200 OK", "Content-Length: 7\r\n") +
+            "body!!!",
+    };
+    for (const std::string& reply : replies) {
+        // Sizes of the reads before the last: whole, every two-way split, one byte per read.
+        std::vector<std::vector<size_t>> plans;
+        plans.push_back({});
+        for (size_t cut = 1; cut < reply.size(); ++cut)
+            plans.push_back({cut});
+        plans.push_back(std::vector<size_t>(reply.size() - 1, 1));  // one byte per read
 
-    for (const std::vector<size_t>& cuts : plans) {
-        const std::string where = cuts.size() == 1 ? std::to_string(cuts[0]) : std::to_string(cuts.size()) + " cuts";
-        heads.clear();
-        received.clear();
-        completions = 0;
-        ASSERT_NE(0, m_engine->DoGet(Url("/i").c_str(), nullptr, -1));
-        (void)FeedReads(reply, cuts);
-        ASSERT_EQ(std::vector<int>{200}, heads) << "split at " << where;
-        ASSERT_EQ("body!!!", received) << "split at " << where;
-        ASSERT_EQ(1, completions) << "split at " << where;
-        ASSERT_EQ(0, others) << "split at " << where;
-        ASSERT_TRUE(m_engine->IsIdle()) << "split at " << where;
+        for (const std::vector<size_t>& cuts : plans) {
+            const std::string where =
+                cuts.size() == 1 ? std::to_string(cuts[0]) : std::to_string(cuts.size()) + " cuts";
+            heads.clear();
+            received.clear();
+            completions = 0;
+            ASSERT_NE(0, m_engine->DoGet(Url("/i").c_str(), nullptr, -1));
+            (void)FeedReads(reply, cuts);
+            ASSERT_EQ(std::vector<int>{200}, heads) << "split at " << where;
+            ASSERT_EQ("body!!!", received) << "split at " << where;
+            ASSERT_EQ(1, completions) << "split at " << where;
+            ASSERT_EQ(0, others) << "split at " << where;
+            ASSERT_TRUE(m_engine->IsIdle()) << "split at " << where;
+        }
     }
 }
 
