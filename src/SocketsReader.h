@@ -32,6 +32,9 @@ public:
     // Stops listening.
     void Stop();
     bool IsActive() const { return iActive; }
+    // Word index (0 to 2) of the last chunk of more than 8 bytes, read at
+    // offsets 1, 5 and 7; 0 until such a chunk came. Nothing depends on it.
+    unsigned short LastPeekWord(int index) const { return iPeekWords[index]; }
 
     // out = p[0] * 256 + p[1] (network byte order). p must hold two bytes.
     void ReaderGetWORD(unsigned short& out, unsigned char* p);
@@ -48,13 +51,11 @@ private:
     static constexpr int KPeekMinLength = 8;
     static constexpr int KPeekOffsets[3] = {1, 5, 7};
 
-    friend class CSocketsReaderTestPeer;
-
     QTcpSocket& iSocket;
     MEngineNotifier& iNotifier;
     unsigned char* iBuffer;
     bool iActive = false;
-    // The words of the last peek, kept for inspection only.
+    // The words of the last peek, kept for inspection only (LastPeekWord).
     unsigned short iPeekWords[3] = {0, 0, 0};
 };
 

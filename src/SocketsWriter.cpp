@@ -1,5 +1,7 @@
 #include "src/SocketsWriter.h"
 
+#include "src/internal/SocketsWriterStatus_p.h"
+
 #include <QAbstractSocket>
 
 CSocketsWriter::CSocketsWriter(QAbstractSocket& socket, MEngineNotifier& notifier)
@@ -17,7 +19,7 @@ CSocketsWriter::~CSocketsWriter()
 
 void CSocketsWriter::IssueWriteL(const QByteArray& data)
 {
-    if (iWriteStatus >= KWriteRefuse || data.isEmpty())
+    if (!velanet::WriterTakesData(iWriteStatus) || data.isEmpty())
         return;
     QByteArray* queued = new QByteArray(data);
     if (iTransmitList.AddTail(queued) == nullptr) {

@@ -12,7 +12,7 @@
 // A failed write (-1) leaves the writer busy: later arrays are only queued
 // until Stop. Nothing is reported upward.
 //
-// Write status (iWriteStatus):
+// Write status (WriteStatus()):
 //   KWriteBusy (0)   a write is under way; SendNextPacket waits
 //   KWriteIdle (1)   idle: as constructed and after Stop
 //   KWriteRefuse (2) and above: IssueWriteL takes nothing (nothing sets it)
@@ -54,6 +54,11 @@ public:
     // Deletes every queued array.
     void ClearTransmitList();
 
+    // How many arrays wait in the queue (not counting one being written).
+    int QueuedCount() const { return iTransmitList.GetCount(); }
+    // The write status: KWriteBusy, KWriteIdle or KWriteRefuse and above.
+    int WriteStatus() const { return iWriteStatus; }
+
 public slots:
     // The end of a write of written bytes (called by SendNextPacket).
     void OnDataSend(qint64 written);
@@ -68,8 +73,6 @@ private:
 
     // OnDataSend's bookkeeping without moving on to the next array.
     [[nodiscard]] int FinishWrite(qint64 written);
-
-    friend class CSocketsWriterTestPeer;
 
     QAbstractSocket& iSocket;
     // Given for symmetry with the reader; the writer reports nothing.

@@ -61,12 +61,6 @@ public:
 #endif
 };
 
-class CSocketsWriterTestPeer
-{
-public:
-    static int QueueCount(const CSocketsWriter& writer) { return writer.iTransmitList.GetCount(); }
-};
-
 namespace {
 
 using Server = velatest::LoopbackServer;
@@ -490,7 +484,7 @@ TEST_F(SocketsEngineTest, WriteBeforeConnectedHasNoEffect)
     m_engine->WriteL("idle");
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     m_engine->WriteL("early");
-    EXPECT_EQ(CSocketsWriterTestPeer::QueueCount(Peer::Writer(*m_engine)), 0);
+    EXPECT_EQ(Peer::Writer(*m_engine).QueuedCount(), 0);
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
     ASSERT_TRUE(m_server.WaitForConnections(1));
