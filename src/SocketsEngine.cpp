@@ -3,6 +3,7 @@
 #include "src/IAPConnectEngine.h"
 #include "src/SocketsReader.h"
 #include "src/SocketsWriter.h"
+#include "src/internal/NetworkSessionRule_p.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -68,7 +69,23 @@ void ReleaseObject(QObject* object, bool inSignal)
     }
 }
 
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+// Only tests change it (SetSessionRule).
+velanet::SessionRule gSessionRule = velanet::SessionRule::IfPlatformRequires;
+#endif
+
 }  // namespace
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+namespace velanet {
+
+void SetSessionRule(SessionRule rule)
+{
+    gSessionRule = rule;
+}
+
+}  // namespace velanet
+#endif
 
 CSocketsEngine* CSocketsEngine::NewL(MUINotifier& notifier, CIAPConnectEngine* iapEngine)
 {
@@ -189,18 +206,18 @@ QT_WARNING_PUSH
 QT_WARNING_DISABLE_DEPRECATED
 QNetworkSession* CSocketsEngine::NewSessionIfRequired()
 {
-    switch (iSessionRule) {
-    case ESessionIfPlatformRequires: {
+    switch (gSessionRule) {
+    case velanet::SessionRule::IfPlatformRequires: {
         const QNetworkConfigurationManager manager;
         if (!(manager.capabilities() & QNetworkConfigurationManager::NetworkSessionRequired))
             return nullptr;
         return new QNetworkSession(manager.defaultConfiguration(), this);
     }
-    case ESessionOnDefault: {
+    case velanet::SessionRule::OnDefault: {
         const QNetworkConfigurationManager manager;
         return new QNetworkSession(manager.defaultConfiguration(), this);
     }
-    case ESessionOnInvalid:
+    case velanet::SessionRule::OnInvalid:
         return new QNetworkSession(QNetworkConfiguration(), this);
     }
     return nullptr;
@@ -242,6 +259,26 @@ bool CSocketsEngine::Connected() const
 TSocketsEngineState CSocketsEngine::State() const
 {
     return iState;
+}
+
+QAbstractSocket::SocketState CSocketsEngine::SocketState() const
+{
+    return iSocket->state();
+}
+
+int CSocketsEngine::LookupId() const
+{
+    return iLookupId;
+}
+
+bool CSocketsEngine::IsConnectTimeOutRunning() const
+{
+    return iTimer->IsActive();
+}
+
+bool CSocketsEngine::IsReading() const
+{
+    return iReader->IsActive();
 }
 
 void CSocketsEngine::WriteL(const QByteArray& data)

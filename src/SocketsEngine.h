@@ -27,6 +27,7 @@
 #include "BaseClass/src/CQTimer.h"
 #include "src/IAPObserver.h"
 
+#include <QAbstractSocket>
 #include <QHostInfo>
 #include <QObject>
 #include <QPointer>
@@ -104,6 +105,8 @@ public:
     // StartConnect results.
     static constexpr int KConnectStarted = 1;
     static constexpr int KSessionNotOpened = 0;
+    // LookupId when no name lookup runs.
+    static constexpr int KNoLookup = -1;
 
     // Constructs and runs ConstructL; null when the memory cannot be had.
     // The access point engine is not owned and may be null; the engine does
@@ -123,7 +126,8 @@ public:
     // Opens the network session if the platform requires one, then
     // ConnectL(). KConnectStarted, or KSessionNotOpened when the session
     // did not open (it is kept, and the next call does not open it again).
-    // Qt 6 has no sessions: there it always connects.
+    // The session is a child of the engine. Qt 6 has no sessions: there it
+    // always connects.
     int StartConnect();
     // In ENotConnected only: connects to the server name if it is an IP
     // address, else looks it up first (OnGetIPAddress).
@@ -132,6 +136,15 @@ public:
     void ConnectL(QString address);
     bool Connected() const;
     TSocketsEngineState State() const;
+    // The socket's own state, which may differ from State(): an answered
+    // lookup leaves the engine idle while its connect runs on.
+    QAbstractSocket::SocketState SocketState() const;
+    // The QHostInfo id of the engine's running name lookup, else KNoLookup.
+    int LookupId() const;
+    // Whether the connect time-out is running.
+    bool IsConnectTimeOutRunning() const;
+    // Whether received bytes are read and passed up as OnRecv.
+    bool IsReading() const;
 
     // Queues data for the peer; dropped unless connected.
     void WriteL(const QByteArray& data);
@@ -197,22 +210,10 @@ private:
     CSocketsEngine(MUINotifier& notifier, CIAPConnectEngine* iapEngine);
     void ConstructL();
 
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    // When StartConnect opens a session.
-    enum TSessionRule
-    {
-        ESessionIfPlatformRequires = 0,  // the platform's capability decides
-        ESessionOnDefault = 1,           // always, on the default configuration (tests)
-        ESessionOnInvalid = 2,           // always, on a configuration that never opens (tests)
-    };
-#endif
-    static constexpr int KNoLookup = -1;
-
     // A report made from inside a signal of the socket or the session; while
     // one runs, the destructor leaves deleting them to the event loop.
     class CSignalScope;
     friend class CSignalScope;
-    friend class CSocketsEngineTestPeer;
 
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
     // Creates the session StartConnect opens, or null when none is needed.
@@ -245,9 +246,6 @@ private:
     int iConnectTimeOut = KTimeOut;
     int iLookupId = KNoLookup;
     int iSignalDepth = 0;
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    TSessionRule iSessionRule = ESessionIfPlatformRequires;
-#endif
 };
 
 #endif

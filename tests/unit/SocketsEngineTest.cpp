@@ -9,8 +9,6 @@
 #include "src/SocketsEngine.h"
 
 #include "src/IAPConnectEngine.h"
-#include "src/SocketsReader.h"
-#include "src/SocketsWriter.h"
 
 #include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
@@ -22,6 +20,7 @@
 #include <QTcpSocket>
 
 #include "src/internal/IAPConfigurations_p.h"
+#include "src/internal/NetworkSessionRule_p.h"
 
 // The bearer classes are deprecated in Qt 5.15; the engine still uses them
 // where the platform needs a session, and these tests reach its session.
@@ -44,23 +43,6 @@ void PrintTo(const QByteArray& bytes, std::ostream* os)
     *os << '"' << velatest::Visible(bytes) << '"';
 }
 
-// Reaches the engine's private parts for what no public call shows.
-class CSocketsEngineTestPeer
-{
-public:
-    static QTcpSocket& Socket(CSocketsEngine& engine) { return *engine.iSocket; }
-    static CSocketsReader& Reader(CSocketsEngine& engine) { return *engine.iReader; }
-    static CSocketsWriter& Writer(CSocketsEngine& engine) { return *engine.iWriter; }
-    static bool TimerActive(const CSocketsEngine& engine) { return engine.iTimer->IsActive(); }
-    static int LookupId(const CSocketsEngine& engine) { return engine.iLookupId; }
-    static int NoLookup() { return CSocketsEngine::KNoLookup; }
-#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    static QNetworkSession* Session(CSocketsEngine& engine) { return engine.iSession; }
-    static void SessionOnDefault(CSocketsEngine& engine) { engine.iSessionRule = CSocketsEngine::ESessionOnDefault; }
-    static void SessionOnInvalid(CSocketsEngine& engine) { engine.iSessionRule = CSocketsEngine::ESessionOnInvalid; }
-#endif
-};
-
 namespace {
 
 using Server = velatest::LoopbackServer;
@@ -68,7 +50,6 @@ using Server = velatest::LoopbackServer;
 using ::testing::_;
 using ::testing::Invoke;
 using ::testing::StrictMock;
-using Peer = CSocketsEngineTestPeer;
 
 constexpr int KDeadlineMs = 10000;
 
@@ -99,6 +80,25 @@ void FlushDeferredDeletes()
 {
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
+
+#if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+// The session StartConnect opened, a child of the engine; null when none.
+QNetworkSession* EngineSession(CSocketsEngine& engine)
+{
+    return engine.findChild<QNetworkSession*>(QString(), Qt::FindDirectChildrenOnly);
+}
+
+// Makes StartConnect open a session for one test (this machine's platform
+// asks for none), and gives the platform its rule back.
+class ForcedSession
+{
+public:
+    explicit ForcedSession(velanet::SessionRule rule) { velanet::SetSessionRule(rule); }
+    ~ForcedSession() { velanet::SetSessionRule(velanet::SessionRule::IfPlatformRequires); }
+    ForcedSession(const ForcedSession&) = delete;
+    ForcedSession& operator=(const ForcedSession&) = delete;
+};
+#endif
 
 // A connect started with StartConnect to server, waited for up to OnConnected.
 class SocketsEngineTest : public ::testing::Test
@@ -142,9 +142,9 @@ TEST_F(SocketsEngineTest, NewEngineIsIdleOnTheDefaultServerWithItsReaderStarted)
     EXPECT_EQ(m_engine->Port(), 14000);
     EXPECT_EQ(m_engine->ConnectTimeOut(), CSocketsEngine::KTimeOut);
     EXPECT_FALSE(m_engine->IsCloseConnAndIap());
-    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_TRUE(m_engine->IsReading());
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+    EXPECT_EQ(EngineSession(*m_engine), nullptr);
 #endif
 }
 
@@ -171,18 +171,18 @@ TEST_F(SocketsEngineTest, DottedAddressConnectsWithoutLookup)
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     // No lookup: the connect is under way at once.
     EXPECT_EQ(m_engine->State(), EConnecting);
-    EXPECT_EQ(Peer::LookupId(*m_engine), Peer::NoLookup());
-    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+    EXPECT_EQ(m_engine->LookupId(), CSocketsEngine::KNoLookup);
+    EXPECT_TRUE(m_engine->IsConnectTimeOutRunning());
 
     EXPECT_CALL(m_notifier, OnConnected()).WillOnce(Invoke([this] {
         // The owner hears of the connection in the connected state, with
         // the reader already listening.
         EXPECT_TRUE(m_engine->Connected());
-        EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+        EXPECT_TRUE(m_engine->IsReading());
     }));
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
     EXPECT_EQ(m_engine->State(), EConnected);
-    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    EXPECT_FALSE(m_engine->IsConnectTimeOutRunning());
     EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
     ASSERT_TRUE(m_server.WaitForConnections(1));
 }
@@ -193,7 +193,7 @@ TEST_F(SocketsEngineTest, HostNameIsLookedUpAndReplacedByItsFirstAddress)
     m_engine->SetPort(m_server.Port());
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     EXPECT_EQ(m_engine->State(), ENotConnected);
-    EXPECT_NE(Peer::LookupId(*m_engine), Peer::NoLookup());
+    EXPECT_NE(m_engine->LookupId(), CSocketsEngine::KNoLookup);
 
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
@@ -206,8 +206,8 @@ TEST_F(SocketsEngineTest, LookupAnswerLeavesTheEngineIdleWhileItsConnectRuns)
     m_engine->SetServerName("messaging.example");
     m_engine->SetPort(m_server.Port());
     m_engine->ConnectL();
-    const int id = Peer::LookupId(*m_engine);
-    ASSERT_NE(id, Peer::NoLookup());
+    const int id = m_engine->LookupId();
+    ASSERT_NE(id, CSocketsEngine::KNoLookup);
     QHostInfo::abortHostLookup(id);
 
     QHostInfo answer(id);
@@ -216,8 +216,8 @@ TEST_F(SocketsEngineTest, LookupAnswerLeavesTheEngineIdleWhileItsConnectRuns)
     // Kept on purpose: idle again although the connect is under way.
     EXPECT_EQ(m_engine->State(), ENotConnected);
     EXPECT_EQ(m_engine->ServerName(), QString("127.0.0.1"));
-    EXPECT_NE(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+    EXPECT_NE(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_TRUE(m_engine->IsConnectTimeOutRunning());
 
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
@@ -229,7 +229,7 @@ TEST_F(SocketsEngineTest, LookupAnswerPrefersItsFirstIPv4Address)
     m_engine->SetServerName("messaging.example");
     m_engine->SetPort(m_server.Port());
     m_engine->ConnectL();
-    const int id = Peer::LookupId(*m_engine);
+    const int id = m_engine->LookupId();
     QHostInfo::abortHostLookup(id);
     QHostInfo answer(id);
     answer.setAddresses({QHostAddress("::1"), QHostAddress("127.0.0.1")});
@@ -243,24 +243,24 @@ TEST_F(SocketsEngineTest, LookupWithoutResultsStaysIdleAndTellsNobody)
 {
     m_engine->SetServerName("nothing.example");
     m_engine->ConnectL();
-    const int id = Peer::LookupId(*m_engine);
+    const int id = m_engine->LookupId();
     QHostInfo::abortHostLookup(id);
     QHostInfo answer(id);
     answer.setError(QHostInfo::HostNotFound);
     m_engine->OnGetIPAddress(answer);
     EXPECT_EQ(m_engine->State(), ENotConnected);
     EXPECT_EQ(m_engine->ServerName(), QString("nothing.example"));
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(m_engine->IsConnectTimeOutRunning());
 }
 
 TEST_F(SocketsEngineTest, EmptyServerNameLookupEndsIdleAndSilent)
 {
     m_engine->SetServerName("");
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
-    ASSERT_TRUE(velatest::SpinUntil([this] { return Peer::LookupId(*m_engine) == Peer::NoLookup(); }, KDeadlineMs));
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->LookupId() == CSocketsEngine::KNoLookup; }, KDeadlineMs));
     EXPECT_EQ(m_engine->State(), ENotConnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
 }
 
 TEST_F(SocketsEngineTest, AnswerOfACancelledLookupIsIgnored)
@@ -268,15 +268,15 @@ TEST_F(SocketsEngineTest, AnswerOfACancelledLookupIsIgnored)
     m_engine->SetServerName("messaging.example");
     m_engine->SetPort(m_server.Port());
     m_engine->ConnectL();
-    const int id = Peer::LookupId(*m_engine);
+    const int id = m_engine->LookupId();
     m_engine->Disconnect();
-    EXPECT_EQ(Peer::LookupId(*m_engine), Peer::NoLookup());
+    EXPECT_EQ(m_engine->LookupId(), CSocketsEngine::KNoLookup);
 
     QHostInfo answer(id);
     answer.setAddresses({QHostAddress("127.0.0.1")});
     m_engine->OnGetIPAddress(answer);
     EXPECT_EQ(m_engine->ServerName(), QString("messaging.example"));
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
 }
 
 TEST_F(SocketsEngineTest, ConnectOnlyStartsFromNotConnected)
@@ -304,16 +304,16 @@ TEST_F(SocketsEngineTest, NoAnswerTimesOutSilentlyBackToNotConnected)
     m_engine->SetConnectTimeOut(1000000);
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     ASSERT_TRUE(velatest::SpinUntil(
-        [this] { return Peer::Socket(*m_engine).state() == QAbstractSocket::UnconnectedState; }, KDeadlineMs));
+        [this] { return m_engine->SocketState() == QAbstractSocket::UnconnectedState; }, KDeadlineMs));
     // The refusal itself changes nothing.
     EXPECT_EQ(m_engine->State(), EConnecting);
-    EXPECT_TRUE(Peer::TimerActive(*m_engine));
+    EXPECT_TRUE(m_engine->IsConnectTimeOutRunning());
 
-    ASSERT_TRUE(velatest::SpinUntil([this] { return !Peer::TimerActive(*m_engine); }, KDeadlineMs));
+    ASSERT_TRUE(velatest::SpinUntil([this] { return !m_engine->IsConnectTimeOutRunning(); }, KDeadlineMs));
     EXPECT_EQ(m_engine->State(), ENotConnected);
     EXPECT_FALSE(m_engine->Connected());
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(m_engine->IsReading());
     velatest::ProcessPendingEvents();
 }
 
@@ -326,8 +326,8 @@ TEST_F(SocketsEngineTest, TimeOutWhileTheConnectIsStillUnderWayClosesTheSocket)
     ASSERT_EQ(m_engine->State(), EConnecting);
     m_engine->TimerExpired();
     EXPECT_EQ(m_engine->State(), ENotConnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(m_engine->IsConnectTimeOutRunning());
     // No OnConnected follows (the mock is strict).
     for (int i = 0; i < 5; ++i)
         velatest::ProcessPendingEvents();
@@ -358,7 +358,7 @@ TEST_F(SocketsEngineTest, PeerCloseReportsOnCloseTwo)
     m_server.At(0).disconnectFromHost();
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->State() == EDisconnected; }, KDeadlineMs));
     EXPECT_FALSE(m_engine->Connected());
-    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_FALSE(m_engine->IsReading());
     velatest::ProcessPendingEvents();
 }
 
@@ -376,7 +376,7 @@ TEST_F(SocketsEngineTest, DisconnectClosesWithoutReport)
     m_engine->Disconnect();
     EXPECT_EQ(m_engine->State(), ENotConnected);
     EXPECT_FALSE(m_engine->Connected());
-    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_FALSE(m_engine->IsReading());
     EXPECT_FALSE(m_engine->IsCloseConnAndIap());
     ASSERT_TRUE(m_server.WaitForPeerClose(0));
     velatest::ProcessPendingEvents();
@@ -419,8 +419,8 @@ TEST_F(SocketsEngineTest, DoCancelWhileConnectingClosesTheSocket)
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     m_engine->DoCancel();
     EXPECT_EQ(m_engine->State(), ENotConnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    EXPECT_FALSE(Peer::TimerActive(*m_engine));
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(m_engine->IsConnectTimeOutRunning());
     for (int i = 0; i < 5; ++i)
         velatest::ProcessPendingEvents();
 }
@@ -432,7 +432,7 @@ TEST_F(SocketsEngineTest, DoCancelWhenConnectedOnlyForgetsTheState)
     EXPECT_EQ(m_engine->State(), ENotConnected);
     EXPECT_FALSE(m_engine->Connected());
     // The socket itself is closed only while connecting.
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::ConnectedState);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::ConnectedState);
 }
 
 TEST_F(SocketsEngineTest, AfterAPeerCloseANewConnectNeedsDisconnectFirst)
@@ -445,7 +445,7 @@ TEST_F(SocketsEngineTest, AfterAPeerCloseANewConnectNeedsDisconnectFirst)
     // From EDisconnected nothing starts.
     EXPECT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     EXPECT_EQ(m_engine->State(), EDisconnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
 
     m_engine->Disconnect();
     EXPECT_EQ(m_engine->State(), ENotConnected);
@@ -465,7 +465,7 @@ TEST_F(SocketsEngineTest, ReconnectAfterOwnDisconnectCarriesData)
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
     ASSERT_TRUE(m_server.WaitForConnections(2));
-    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_TRUE(m_engine->IsReading());
 
     QByteArray got;
     EXPECT_CALL(m_notifier, OnRecv(_, _)).WillRepeatedly(Invoke([&](const unsigned char* data, int length) {
@@ -483,8 +483,9 @@ TEST_F(SocketsEngineTest, WriteBeforeConnectedHasNoEffect)
     m_engine->SetPort(m_server.Port());
     m_engine->WriteL("idle");
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    // Dropped, not queued: a queued array would reach the server before
+    // "late" below.
     m_engine->WriteL("early");
-    EXPECT_EQ(Peer::Writer(*m_engine).QueuedCount(), 0);
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
     ASSERT_TRUE(m_server.WaitForConnections(1));
@@ -521,14 +522,19 @@ TEST_F(SocketsEngineTest, ReceivedBytesGoUpAsOnRecv)
 TEST_F(SocketsEngineTest, ReadRestartsTheReaderOnlyWhenConnected)
 {
     ConnectEngine();
-    Peer::Reader(*m_engine).Stop();
+    // Disconnect stops the reader; the state stored again makes the engine
+    // connected with its reader stopped.
+    m_engine->Disconnect();
+    ASSERT_FALSE(m_engine->IsReading());
+    EXPECT_CALL(m_notifier, OnConnected()).Times(1);
+    m_engine->ChangeStatus(EConnected);
     m_engine->Read();
-    EXPECT_TRUE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_TRUE(m_engine->IsReading());
 
     m_engine->Disconnect();
-    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_FALSE(m_engine->IsReading());
     m_engine->Read();
-    EXPECT_FALSE(Peer::Reader(*m_engine).IsActive());
+    EXPECT_FALSE(m_engine->IsReading());
 }
 
 // ------------------------------------------------------------ reports
@@ -683,26 +689,26 @@ TEST_F(SocketsEngineTest, SessionIsOpenedOnlyWhereThePlatformRequiresOne)
 {
     ConnectEngine();
     // This machine's bearer management asks for no session.
-    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+    EXPECT_EQ(EngineSession(*m_engine), nullptr);
 }
 
 TEST_F(SocketsEngineTest, OpenedSessionIsKeptAndItsCloseReportsOnCloseTwo)
 {
-    Peer::SessionOnDefault(*m_engine);
+    const ForcedSession forced(velanet::SessionRule::OnDefault);
     ConnectEngine();
-    QNetworkSession* session = Peer::Session(*m_engine);
+    QNetworkSession* session = EngineSession(*m_engine);
     ASSERT_NE(session, nullptr);
     EXPECT_EQ(session->parent(), m_engine.get());
 
     EXPECT_CALL(m_notifier, OnClose(2)).Times(1);
     emit session->closed();
     EXPECT_EQ(m_engine->State(), EDisconnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
     // The session is opened once; later connects keep it.
     m_engine->Disconnect();
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
     ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
-    EXPECT_EQ(Peer::Session(*m_engine), session);
+    EXPECT_EQ(EngineSession(*m_engine), session);
     ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
     m_engine->reconnectNetworkSession();
     EXPECT_TRUE(m_engine->Connected());
@@ -710,17 +716,17 @@ TEST_F(SocketsEngineTest, OpenedSessionIsKeptAndItsCloseReportsOnCloseTwo)
 
 TEST_F(SocketsEngineTest, SessionThatDoesNotOpenRefusesTheConnectOnce)
 {
-    Peer::SessionOnInvalid(*m_engine);
+    const ForcedSession forced(velanet::SessionRule::OnInvalid);
     m_engine->SetPort(m_server.Port());
     EXPECT_EQ(m_engine->StartConnect(), CSocketsEngine::KSessionNotOpened);
     EXPECT_EQ(m_engine->State(), ENotConnected);
-    EXPECT_EQ(Peer::Socket(*m_engine).state(), QAbstractSocket::UnconnectedState);
-    QNetworkSession* session = Peer::Session(*m_engine);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    QNetworkSession* session = EngineSession(*m_engine);
     ASSERT_NE(session, nullptr);
 
     // Reopening fails again, quietly.
     m_engine->reconnectNetworkSession();
-    EXPECT_EQ(Peer::Session(*m_engine), session);
+    EXPECT_EQ(EngineSession(*m_engine), session);
 
     // The kept session is not opened again: the next call connects.
     EXPECT_CALL(m_notifier, OnConnected()).Times(1);
@@ -731,7 +737,7 @@ TEST_F(SocketsEngineTest, SessionThatDoesNotOpenRefusesTheConnectOnce)
 TEST_F(SocketsEngineTest, ReconnectWithoutSessionDoesNothing)
 {
     m_engine->reconnectNetworkSession();
-    EXPECT_EQ(Peer::Session(*m_engine), nullptr);
+    EXPECT_EQ(EngineSession(*m_engine), nullptr);
 }
 
 #endif
@@ -774,9 +780,9 @@ TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideOnClose)
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideTheSessionsClose)
 {
-    Peer::SessionOnDefault(*m_engine);
+    const ForcedSession forced(velanet::SessionRule::OnDefault);
     ConnectEngine();
-    QNetworkSession* session = Peer::Session(*m_engine);
+    QNetworkSession* session = EngineSession(*m_engine);
     ASSERT_NE(session, nullptr);
     EXPECT_CALL(m_notifier, OnClose(2)).WillOnce(Invoke([this](int) { m_engine.reset(); }));
     emit session->closed();
