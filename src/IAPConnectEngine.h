@@ -77,6 +77,10 @@ public:
     // Makes the name given at construction the current access point and
     // returns it.
     QString SetIap();
+    // The current access point's name: empty until SetIap.
+    QString CurrentIap() const { return m_strCurrentIap; }
+    // KSessionNone, or KSessionOpened once sessionOpened() was called.
+    int SessionState() const { return m_nSessionState; }
 
     // The picker dialog's choice; nothing is done with it.
     void onSelectedIAPName(QString& name) override;
@@ -88,6 +92,11 @@ public:
     void RemoveConnectStateObserver(MIAPConnectStateObserver* observer);
     int GetConnectStateObserverCount() const;
     bool HasConnectStateObserver(MIAPConnectStateObserver* observer) const;
+    // The registered observers in the order they hear reports (read only).
+    const CQList<MIAPConnectStateObserver*, MIAPConnectStateObserver*>& GetConnectStateObservers() const
+    {
+        return m_listObservers;
+    }
 
     // True when the first configuration that is exactly Active with bearer
     // "WLAN" (case matters) exists in the system's list. On Qt 6 the list is
@@ -123,8 +132,6 @@ private:
     // Calls OnIapTransferOpen (open) or OnIapTransferBlocked on each observer
     // that is still registered when its turn comes.
     void ReportTransfer(bool open);
-
-    friend class CIAPConnectEngineTestPeer;
 
     QString m_strIapName;
     QString m_strIapNameCopy;

@@ -38,33 +38,27 @@ QT_WARNING_POP
 #include <string>
 #include <vector>
 
-// Reaches the engine's private fields.
-class CIAPConnectEngineTestPeer
-{
-public:
-    static const QString& CurrentIap(const CIAPConnectEngine& e) { return e.m_strCurrentIap; }
-    static int SessionState(const CIAPConnectEngine& e) { return e.m_nSessionState; }
-    static int BlockSize(const CIAPConnectEngine& e) { return e.m_listObservers.m_nBlockSize; }
-    static int BlockCount(const CIAPConnectEngine& e)
-    {
-        int count = 0;
-        for (const CQPlex* block = e.m_listObservers.m_pBlocks; block != nullptr; block = block->pNext)
-            ++count;
-        return count;
-    }
-    // The observers from head to tail.
-    static std::vector<MIAPConnectStateObserver*> Observers(const CIAPConnectEngine& e)
-    {
-        std::vector<MIAPConnectStateObserver*> all;
-        for (auto* pos = e.m_listObservers.GetHeadPosition(); pos != nullptr;)
-            all.push_back(e.m_listObservers.GetNext(pos));
-        return all;
-    }
-};
-
 namespace {
 
-using Peer = CIAPConnectEngineTestPeer;
+// Blocks of the engine's observer list, read through its read-only view.
+int BlockCount(const CIAPConnectEngine& e)
+{
+    int count = 0;
+    for (const CQPlex* block = e.GetConnectStateObservers().m_pBlocks; block != nullptr; block = block->pNext)
+        ++count;
+    return count;
+}
+
+// The observers from head to tail.
+std::vector<MIAPConnectStateObserver*> Observers(const CIAPConnectEngine& e)
+{
+    const auto& list = e.GetConnectStateObservers();
+    std::vector<MIAPConnectStateObserver*> all;
+    for (auto* pos = list.GetHeadPosition(); pos != nullptr;)
+        all.push_back(list.GetNext(pos));
+    return all;
+}
+
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StrictMock;
@@ -204,9 +198,9 @@ TEST_F(IAPConnectEngineTest, GetIAPIdIsTheConstructionName)
 
 TEST_F(IAPConnectEngineTest, SetIapMakesTheConstructionNameCurrentAndReturnsIt)
 {
-    EXPECT_TRUE(Peer::CurrentIap(*engine).isEmpty());
+    EXPECT_TRUE(engine->CurrentIap().isEmpty());
     EXPECT_EQ(QStringLiteral("cmnet"), engine->SetIap());
-    EXPECT_EQ(QStringLiteral("cmnet"), Peer::CurrentIap(*engine));
+    EXPECT_EQ(QStringLiteral("cmnet"), engine->CurrentIap());
 }
 
 TEST_F(IAPConnectEngineTest, NameLookupsLeaveTheTextUnchanged)
@@ -232,9 +226,9 @@ TEST_F(IAPConnectEngineTest, DoNothingCallsChangeNothingAndCallNoObserver)
 
     EXPECT_EQ(QStringLiteral("other-ap"), chosen);
     EXPECT_EQ(QStringLiteral("cmnet"), engine->GetIAPId());
-    EXPECT_TRUE(Peer::CurrentIap(*engine).isEmpty());
-    EXPECT_EQ(CIAPConnectEngine::KSessionNone, Peer::SessionState(*engine));
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&observer));
+    EXPECT_TRUE(engine->CurrentIap().isEmpty());
+    EXPECT_EQ(CIAPConnectEngine::KSessionNone, engine->SessionState());
+    EXPECT_THAT(Observers(*engine), ElementsAre(&observer));
     EXPECT_FALSE(QFile::exists(m_iapPath));
     engine->RemoveConnectStateObserver(&observer);
 }
@@ -250,9 +244,9 @@ TEST_F(IAPConnectEngineTest, SelectedNameThroughTheDialogInterfaceDoesNothing)
 
 TEST_F(IAPConnectEngineTest, SessionStateIs0ThenSessionOpenedSlotMakesIt2)
 {
-    EXPECT_EQ(0, Peer::SessionState(*engine));
+    EXPECT_EQ(0, engine->SessionState());
     ASSERT_TRUE(QMetaObject::invokeMethod(engine.get(), "sessionOpened"));
-    EXPECT_EQ(2, Peer::SessionState(*engine));
+    EXPECT_EQ(2, engine->SessionState());
 }
 
 // A zero-interval timer would fire on every turn of the loop; the engine's
@@ -285,13 +279,13 @@ TEST_F(IAPConnectEngineTest, TimerEventKillsTheTimer)
 
 TEST_F(IAPConnectEngineTest, ObserverListUsesBlocksOfOneNode)
 {
-    EXPECT_EQ(1, Peer::BlockSize(*engine));
-    EXPECT_EQ(0, Peer::BlockCount(*engine));
+    EXPECT_EQ(1, engine->GetConnectStateObservers().m_nBlockSize);
+    EXPECT_EQ(0, BlockCount(*engine));
     StrictMock<MockIapObserver> a, b, c;
     engine->AddConnectStateObserver(&a);
     engine->AddConnectStateObserver(&b);
     engine->AddConnectStateObserver(&c);
-    EXPECT_EQ(3, Peer::BlockCount(*engine));
+    EXPECT_EQ(3, BlockCount(*engine));
     engine->RemoveConnectStateObserver(&b);
     engine->RemoveConnectStateObserver(&a);
     engine->RemoveConnectStateObserver(&c);
@@ -303,7 +297,7 @@ TEST_F(IAPConnectEngineTest, ObserversAreAppendedAtTheTail)
     engine->AddConnectStateObserver(&a);
     engine->AddConnectStateObserver(&b);
     engine->AddConnectStateObserver(&c);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&a, &b, &c));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&a, &b, &c));
     EXPECT_EQ(3, engine->GetConnectStateObserverCount());
     engine->RemoveConnectStateObserver(&a);
     engine->RemoveConnectStateObserver(&b);
@@ -316,10 +310,10 @@ TEST_F(IAPConnectEngineTest, AddingTheSameObserverTwiceKeepsOneEntry)
     engine->AddConnectStateObserver(&a);
     engine->AddConnectStateObserver(&b);
     engine->AddConnectStateObserver(&a);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&a, &b));
-    EXPECT_EQ(2, Peer::BlockCount(*engine));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&a, &b));
+    EXPECT_EQ(2, BlockCount(*engine));
     engine->RemoveConnectStateObserver(&a);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&b));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&b));
     EXPECT_FALSE(engine->HasConnectStateObserver(&a));
     engine->RemoveConnectStateObserver(&b);
 }
@@ -330,8 +324,8 @@ TEST_F(IAPConnectEngineTest, RemovingAnUnregisteredObserverChangesNothing)
     engine->AddConnectStateObserver(&a);
     engine->AddConnectStateObserver(&b);
     engine->RemoveConnectStateObserver(&stranger);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&a, &b));
-    EXPECT_EQ(2, Peer::BlockCount(*engine));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&a, &b));
+    EXPECT_EQ(2, BlockCount(*engine));
     engine->RemoveConnectStateObserver(&a);
     engine->RemoveConnectStateObserver(&b);
 }
@@ -342,7 +336,7 @@ TEST_F(IAPConnectEngineTest, RemovingFromAnEmptyListChangesNothing)
     engine->RemoveConnectStateObserver(&stranger);
     engine->RemoveConnectStateObserver(nullptr);
     EXPECT_EQ(0, engine->GetConnectStateObserverCount());
-    EXPECT_EQ(0, Peer::BlockCount(*engine));
+    EXPECT_EQ(0, BlockCount(*engine));
 }
 
 TEST_F(IAPConnectEngineTest, RemovingTheMiddleObserverKeepsTheOrderOfTheOthers)
@@ -352,9 +346,9 @@ TEST_F(IAPConnectEngineTest, RemovingTheMiddleObserverKeepsTheOrderOfTheOthers)
     engine->AddConnectStateObserver(&b);
     engine->AddConnectStateObserver(&c);
     engine->RemoveConnectStateObserver(&b);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&a, &c));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&a, &c));
     engine->AddConnectStateObserver(&b);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&a, &c, &b));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&a, &c, &b));
     engine->RemoveConnectStateObserver(&a);
     engine->RemoveConnectStateObserver(&b);
     engine->RemoveConnectStateObserver(&c);
@@ -366,22 +360,22 @@ TEST_F(IAPConnectEngineTest, RemovingTheLastObserverReleasesTheNodeStorage)
     engine->AddConnectStateObserver(&a);
     engine->AddConnectStateObserver(&b);
     engine->RemoveConnectStateObserver(&a);
-    EXPECT_NE(0, Peer::BlockCount(*engine));
+    EXPECT_NE(0, BlockCount(*engine));
     engine->RemoveConnectStateObserver(&b);
-    EXPECT_EQ(0, Peer::BlockCount(*engine));
-    EXPECT_THAT(Peer::Observers(*engine), IsEmpty());
+    EXPECT_EQ(0, BlockCount(*engine));
+    EXPECT_THAT(Observers(*engine), IsEmpty());
     // The list works again after being emptied.
     engine->AddConnectStateObserver(&b);
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&b));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&b));
     engine->RemoveConnectStateObserver(&b);
-    EXPECT_EQ(0, Peer::BlockCount(*engine));
+    EXPECT_EQ(0, BlockCount(*engine));
 }
 
 TEST_F(IAPConnectEngineTest, NullObserverIsNotAdded)
 {
     engine->AddConnectStateObserver(nullptr);
     EXPECT_EQ(0, engine->GetConnectStateObserverCount());
-    EXPECT_EQ(0, Peer::BlockCount(*engine));
+    EXPECT_EQ(0, BlockCount(*engine));
 }
 
 TEST_F(IAPConnectEngineTest, DestroyingTheEngineWithObserversLeftFreesItsList)
@@ -938,7 +932,7 @@ TEST_F(BearerEventTest, ObserverThatLeavesInsideItsReportIsNotCalledAgain)
     EXPECT_CALL(c, OnIapTransferBlocked());
     Feed(Reach::Disconnected, Medium::Unknown);
     Announce();
-    EXPECT_THAT(Peer::Observers(*engine), ElementsAre(&c));
+    EXPECT_THAT(Observers(*engine), ElementsAre(&c));
     engine->RemoveConnectStateObserver(&c);
 }
 
