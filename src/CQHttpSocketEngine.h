@@ -255,6 +255,7 @@ private:
     static constexpr int KDnsCounterMax = 3;
     static constexpr int KUnusedTimeOut = 30000;
 
+    // Tests feed the private slots (lookup answers, bytes written) and set send states no public call reaches.
     friend class CQHttpSocketEngineTestPeer;
 
     // serverName up to its first zero byte, one character per byte.
