@@ -496,6 +496,26 @@ void CHttpData::BuildCookieLine(CQSString& line) const
     line.AppendData(KCrLf);
 }
 
+// What the GET and POST heads share before their lines are written.
+struct CHttpData::RequestPreamble
+{
+    const char* host = nullptr;  // with its port, as FindHostURL gives it
+    int hostLen = 0;
+    CQSString cookieLine;  // empty: no cookies to send
+    CQSString extraLine;   // the configured line, without its line end
+    bool withExtra = false;
+};
+
+bool CHttpData::ReadRequestPreamble(RequestPreamble& preamble) const
+{
+    preamble.host = FindHostURL(preamble.hostLen);
+    if (!preamble.host || preamble.hostLen == 0)
+        return false;
+    BuildCookieLine(preamble.cookieLine);
+    preamble.withExtra = CHttpConfig::GetKeyValue(0, preamble.extraLine) && !preamble.extraLine.IsEmpty();
+    return true;
+}
+
 unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absoluteTarget, int rangeStart,
                                        bool withIdVersion, unsigned int idVersion)
 {
@@ -505,22 +525,17 @@ unsigned char* CHttpData::HttpHead_Get(int& len, int encodingMode, bool absolute
 unsigned char* CHttpData::HttpHead_Get64(int& len, int encodingMode, bool absoluteTarget, long long rangeStart,
                                          bool withIdVersion, unsigned int idVersion)
 {
-    int hostLen = 0;
-    const char* host = FindHostURL(hostLen);
-    if (!host || hostLen == 0)
+    RequestPreamble pre;
+    if (!ReadRequestPreamble(pre))
         return nullptr;
-    CQSString cookieLine;
-    BuildCookieLine(cookieLine);
-    CQSString extraLine;
-    const bool withExtra = CHttpConfig::GetKeyValue(0, extraLine) && !extraLine.IsEmpty();
 
     const auto writeHead = [&](ByteWriter& w) {
         PutRequestLine(w, "GET ", m_strURL, absoluteTarget, true);
-        PutHostLine(w, host, hostLen);
+        PutHostLine(w, pre.host, pre.hostLen);
         PutLine(w, m_strUserAgent);
         PutLine(w, m_strVUserAgent);
-        if (withExtra)
-            PutLine(w, extraLine);
+        if (pre.withExtra)
+            PutLine(w, pre.extraLine);
         w.PutLiteral(KAcceptLine);
         w.PutLiteral(KAcceptCharsetLine);
         if (encodingMode == KEncodingGzip)
@@ -533,7 +548,7 @@ unsigned char* CHttpData::HttpHead_Get64(int& len, int encodingMode, bool absolu
         }
         if (withIdVersion)
             PutIdVersionLine(w, idVersion);
-        PutString(w, cookieLine);
+        PutString(w, pre.cookieLine);
         w.PutLiteral(KConnectionLine);
         w.PutLiteral(KCrLf);
     };
@@ -544,24 +559,19 @@ unsigned char* CHttpData::HttpHead_Post(int& len, int encodingMode, int bodyLen,
                                         bool absoluteTarget, bool multipart, bool withIdVersion,
                                         unsigned int idVersion)
 {
-    int hostLen = 0;
-    const char* host = FindHostURL(hostLen);
-    if (!host || hostLen == 0)
+    RequestPreamble pre;
+    if (!ReadRequestPreamble(pre))
         return nullptr;
-    CQSString cookieLine;
-    BuildCookieLine(cookieLine);
-    CQSString extraLine;
-    const bool withExtra = CHttpConfig::GetKeyValue(0, extraLine) && !extraLine.IsEmpty();
 
     const auto writeHead = [&](ByteWriter& w) {
         PutRequestLine(w, "POST ", m_strURL, absoluteTarget, false);
-        PutHostLine(w, host, hostLen);
+        PutHostLine(w, pre.host, pre.hostLen);
         PutLine(w, m_strUserAgent);
-        if (withExtra)
-            PutLine(w, extraLine);
+        if (pre.withExtra)
+            PutLine(w, pre.extraLine);
         w.PutLiteral(KAcceptLine);
         w.PutLiteral(KAcceptCharsetLine);
-        PutString(w, cookieLine);
+        PutString(w, pre.cookieLine);
         if (multipart)
             w.PutLiteral(KContentTypeMultipart);
         else

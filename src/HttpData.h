@@ -343,6 +343,10 @@ private:
     // The "Cookie: ..." line with its line end for the stored URL's host,
     // or an empty string when there is nothing to send.
     void BuildCookieLine(CQSString& line) const;
+    // The host, cookie line and configured extra line every request head
+    // of the stored URL writes; false when the URL has no host.
+    struct RequestPreamble;
+    [[nodiscard]] bool ReadRequestPreamble(RequestPreamble& preamble) const;
 
     CQSString m_strURL;
     QCookieHolder* m_pCookieHolder = nullptr;  // not owned
