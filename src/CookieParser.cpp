@@ -56,12 +56,17 @@ constexpr std::size_t KAsctimeMonthOffset = 3;
 constexpr int KMonthNameLength = 3;
 constexpr int KMonthStep = 4;
 
-constexpr long KMaxSecond = 59;
-constexpr long KMaxMinute = 59;
-constexpr long KMaxHour = 23;
-constexpr long KMinDay = 1;
-constexpr long KMaxDay = 31;
-constexpr long KMaxMonth = 11;
+// Inclusive bounds of the calendar fields; months count from January = 0.
+struct FieldBounds
+{
+    long min;
+    long max;
+};
+constexpr FieldBounds KSecondBounds = {0, 59};
+constexpr FieldBounds KMinuteBounds = {0, 59};
+constexpr FieldBounds KHourBounds = {0, 23};
+constexpr FieldBounds KDayBounds = {1, 31};
+constexpr FieldBounds KMonthBounds = {KJanuary, 11};
 
 inline bool IsSpace(char c)
 {
@@ -188,18 +193,17 @@ template <class Delimiter>
     return value;
 }
 
+[[nodiscard]] constexpr bool Within(long value, FieldBounds bounds)
+{
+    return value >= bounds.min && value <= bounds.max;
+}
+
 // Range checks shared by the three calendar layouts.
 [[nodiscard]] bool InRange(long year, long month, long day, long hour, long minute, long second)
 {
-    if (static_cast<unsigned long>(second) > static_cast<unsigned long>(KMaxSecond))
+    if (!Within(second, KSecondBounds) || !Within(minute, KMinuteBounds) || !Within(hour, KHourBounds))
         return false;
-    if (minute < 0 || minute > KMaxMinute)
-        return false;
-    if (hour < 0 || hour > KMaxHour)
-        return false;
-    if (day < KMinDay || day > KMaxDay)
-        return false;
-    if (month < 0 || month > KMaxMonth)
+    if (!Within(day, KDayBounds) || !Within(month, KMonthBounds))
         return false;
     // A two-digit year is not widened and so refused: kept on purpose.
     return year >= KEpochYear;
