@@ -50,7 +50,7 @@ void CSocketsReader::OnDataReceive()
 
     // A look at what would be a packet header; nothing depends on it.
     if (length > KPeekMinLength) {
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < KPeekWordCount; ++i)
             ReaderGetWORD(iPeekWords[i], iBuffer + KPeekOffsets[i]);
     }
 

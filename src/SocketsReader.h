@@ -33,8 +33,12 @@ public:
     void Stop();
     bool IsActive() const { return iActive; }
     // Word index (0 to 2) of the last chunk of more than 8 bytes, read at
-    // offsets 1, 5 and 7; 0 until such a chunk came. Nothing depends on it.
-    unsigned short LastPeekWord(int index) const { return iPeekWords[index]; }
+    // offsets 1, 5 and 7; 0 until such a chunk came, and for any other
+    // index. Nothing depends on it.
+    unsigned short LastPeekWord(int index) const
+    {
+        return index >= 0 && index < KPeekWordCount ? iPeekWords[index] : 0;
+    }
 
     // out = p[0] * 256 + p[1] (network byte order). p must hold two bytes.
     void ReaderGetWORD(unsigned short& out, unsigned char* p);
@@ -49,14 +53,15 @@ private:
     // Offsets of the three 16-bit words peeked at in a chunk of more than
     // KPeekMinLength bytes; the words steer nothing.
     static constexpr int KPeekMinLength = 8;
-    static constexpr int KPeekOffsets[3] = {1, 5, 7};
+    static constexpr int KPeekWordCount = 3;
+    static constexpr int KPeekOffsets[KPeekWordCount] = {1, 5, 7};
 
     QTcpSocket& iSocket;
     MEngineNotifier& iNotifier;
     unsigned char* iBuffer;
     bool iActive = false;
     // The words of the last peek, kept for inspection only (LastPeekWord).
-    unsigned short iPeekWords[3] = {0, 0, 0};
+    unsigned short iPeekWords[KPeekWordCount] = {0, 0, 0};
 };
 
 #endif

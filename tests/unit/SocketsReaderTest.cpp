@@ -278,6 +278,9 @@ TEST(SocketsReaderTest, ChunkOfNineBytesIsPeekedAndDeliveredUnchanged)
     EXPECT_EQ(reader.LastPeekWord(0), 0x1122);
     EXPECT_EQ(reader.LastPeekWord(1), 0x5566);
     EXPECT_EQ(reader.LastPeekWord(2), 0x7788);
+    // Indexes outside the three words answer 0 and read nothing beyond them.
+    EXPECT_EQ(reader.LastPeekWord(-1), 0);
+    EXPECT_EQ(reader.LastPeekWord(3), 0);
 }
 
 TEST(SocketsReaderTest, BufferIsZeroedBeforeEachRead)
