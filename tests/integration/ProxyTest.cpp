@@ -549,7 +549,7 @@ TEST_F(ScriptedProxyTest, Reply407SplitAnywhereIsAnHttpErrorAndNothingElse)
     const QByteArray reply = "HTTP/1.1 407 Proxy Authentication Required\r\n"
                              "Proxy-Authenticate: Basic realm=\"velanet\"\r\n"
                              "Content-Length: 4\r\n\r\nnope";
-    for (const QList<int>& cuts : {QList<int>{1}, QList<int>{9, 12}, QList<int>{43, 44}, QList<int>{reply.size() - 5}}) {
+    for (const QList<int>& cuts : {QList<int>{1}, QList<int>{9, 12}, QList<int>{43, 44}, QList<int>{static_cast<int>(reply.size()) - 5}}) {
         ScriptedPeer proxy;
         proxy.AddScript(PeerScript().ExpectHead().SendSplit(reply, cuts).ExpectClose());
         ASSERT_TRUE(proxy.Listen());
