@@ -4,7 +4,8 @@
 // more after a 0 answer, and OnSocketEngine_ReceivDataEnd when the input
 // (the connection) ends. The input after the split plan (FuzzInput.h) is the
 // response. Run A cuts it into 1024-byte pieces, run B into the planned
-// pieces; in both, the head's last piece ends right after its blank line.
+// pieces; in both, the last piece of every head (interim heads included)
+// ends right after its blank line.
 // Invariants: a chunk-size line lies inside its input; at most one final
 // report, nothing after it; decompressed pieces of at most 1024 bytes; the
 // same outcome in both runs, and the same body (a prefix of the other where
@@ -14,6 +15,7 @@
 #include "src/MLHttpEngine.h"
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -54,8 +56,10 @@ struct Recorder : MHttpObserver
     }
 };
 
-// One exchange: the head in pieces ending at headEnd, then the body.
-Recorder Run(const std::uint8_t* resp, std::size_t size, std::size_t headEnd, const fuzzinput::SplitPlan* plan)
+// One exchange: every head in pieces that end at its blank line, then the
+// body.
+Recorder Run(const std::uint8_t* resp, std::size_t size, const std::vector<std::size_t>& headEnds,
+             const fuzzinput::SplitPlan* plan)
 {
     Recorder rec;
     std::unique_ptr<CMLHttpEngine> engine(CMLHttpEngine::NewL());
@@ -68,7 +72,13 @@ Recorder Run(const std::uint8_t* resp, std::size_t size, std::size_t headEnd, co
     std::size_t piece = 0;
     int result = CMLHttpEngine::KGoOn;
     while (result != CMLHttpEngine::KStop && pos < size) {
-        const std::size_t limit = pos < headEnd ? headEnd : size;
+        std::size_t limit = size;
+        for (const std::size_t end : headEnds) {
+            if (end > pos) {
+                limit = end;
+                break;
+            }
+        }
         const std::size_t n = std::min<std::size_t>(plan ? plan->Piece(piece++, KPiece) : KPiece, limit - pos);
         auto block = fuzzinput::Copy(resp + pos, n);
         result = engine->OnSocketEngine_ReceiveData(block.get(), static_cast<int>(n));
@@ -100,35 +110,42 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (CHttpData::GetChunkSize(whole.get(), static_cast<int>(n), used) >= 0)
         FUZZ_CHECK(used >= 2 && static_cast<std::size_t>(used) <= n);
 
+    // Where each head ends: the first blank line and, after each interim
+    // (1xx) head, the next one, up to the final head. Both runs end a piece
+    // at each of them, so every head is parsed from exactly its own bytes
+    // (its fields are searched in all the bytes at hand, body bytes too).
+    // Interim heads are skipped the way the engine skips them: the next head
+    // starts right after the interim one.
     const std::string text(reinterpret_cast<const char*>(resp), n);
-    const std::size_t blank = text.find("\r\n\r\n");
-    const std::size_t headEnd = blank == std::string::npos ? n : blank + 4;
-    const Recorder a = Run(resp, n, headEnd, nullptr);
-    const Recorder b = Run(resp, n, headEnd, &plan);
-
-    // Comparable when every head is parsed from exactly its own bytes and the
-    // receive buffer never fills. Interim (1xx) heads are skipped the way the
-    // engine skips them: the final head starts right after the interim one.
-    if (blank == std::string::npos || n > static_cast<std::size_t>(velanet::KRecvBufferSize))
-        return 0;
+    std::vector<std::size_t> headEnds;
+    bool comparable = n <= static_cast<std::size_t>(velanet::KRecvBufferSize);
     CHttpData parser;
     CHttpResponseHead head;
     std::size_t headStart = 0;
-    std::size_t finalEnd = headEnd;
     for (;;) {
-        if (parser.GetResponseHead(whole.get() + headStart, static_cast<int>(finalEnd - headStart), head) !=
-            CHttpData::KHeadComplete)
-            return 0;
-        const int span = static_cast<int>(finalEnd - headStart);
+        const std::size_t blank = text.find("\r\n\r\n", headStart);
+        if (blank == std::string::npos) {
+            comparable = false;
+            break;
+        }
+        const std::size_t end = blank + 4;
+        headEnds.push_back(end);
+        if (parser.GetResponseHead(whole.get() + headStart, static_cast<int>(end - headStart), head) !=
+            CHttpData::KHeadComplete) {
+            comparable = false;
+            break;
+        }
+        const int span = static_cast<int>(end - headStart);
         if (head.m_nStatusCode < 100 || head.m_nStatusCode > 199 || head.m_nStatusCode == 101 ||
             head.m_nHeadLen < 1 || head.m_nHeadLen > span)
             break;
         headStart += static_cast<std::size_t>(head.m_nHeadLen);
-        const std::size_t next = text.find("\r\n\r\n", headStart);
-        if (next == std::string::npos)
-            return 0;
-        finalEnd = next + 4;
     }
+    const Recorder a = Run(resp, n, headEnds, nullptr);
+    const Recorder b = Run(resp, n, headEnds, &plan);
+    if (!comparable)
+        return 0;
+    const std::size_t finalEnd = headEnds.back();
     // By length, the pieces decide how much past Content-Length is taken
     // (completion is tested at the start of each piece): with a gzip body
     // that decides the outcome too.
