@@ -1,6 +1,7 @@
 #include "src/DNSCache.h"
 
 #include "BaseClass/src/CQInstance.h"
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QByteArray>
@@ -126,6 +127,25 @@ std::vector<DNSInfo> Records(const CDNSCache& cache)
 QString HostName(int i)
 {
     return QStringLiteral("host%1.example").arg(i);
+}
+
+// A wide name made of the given characters, code points or not.
+CQWString Wide(const std::vector<wchar_t>& chars)
+{
+    CQWString name;
+    EXPECT_NE(0, name.SetData(chars.data(), static_cast<int>(chars.size())));
+    return name;
+}
+
+// An entry whose name is the given 16-bit code units.
+QByteArray EntryOfUnits(const std::vector<std::uint16_t>& units, std::uint32_t ip, qint64 time)
+{
+    QByteArray out = Le32(static_cast<std::uint32_t>(units.size()));
+    for (const std::uint16_t unit : units) {
+        out.append(static_cast<char>(unit & 0xFF));
+        out.append(static_cast<char>(unit >> 8));
+    }
+    return out + Le32(ip) + Le64(time);
 }
 
 class DNSCacheTest : public ::testing::Test
@@ -383,6 +403,47 @@ TEST_F(DNSCacheTest, UpdateOfHostAddedInThisRunKeepsItsPlace)
     cache.Clear();
 }
 
+// Each allocation of an Update fails in turn (the entry, its copy of the
+// name, the block of its list node): the list is left as it was, and the
+// first Update that gets all three stores the host.
+TEST_F(DNSCacheTest, UpdateThatRunsOutOfMemoryLeavesTheListAsItWas)
+{
+    CDNSCache cache;
+    cache.Update(W("kept.example"), 1);
+    const std::vector<DNSInfo> before = {Info("kept.example", 1, KNow, 1)};
+    int skip = 0;
+    for (; skip < 16; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        const CQWString host = W("new.example");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        cache.Update(host, 2);
+        velatest::HeapWatch::StopFailing();
+        if (cache.dnsList.GetCount() == 2)
+            break;
+        EXPECT_EQ(before, Records(cache));
+        EXPECT_EQ(cache.dnsList.m_pNodeHead, cache.dnsList.m_pNodeTail);
+        unsigned int ip = 0;
+        EXPECT_FALSE(cache.GetAddress(W("new.example"), false, ip));
+    }
+    EXPECT_EQ(3, skip);
+    const std::vector<DNSInfo> after = {Info("new.example", 2, KNow, 1), Info("kept.example", 1, KNow, 1)};
+    EXPECT_EQ(after, Records(cache));
+    cache.Clear();
+}
+
+TEST_F(DNSCacheTest, UpdateOfAnExistingHostNeedsNoMemory)
+{
+    CDNSCache cache;
+    cache.Update(W("a.example"), 1);
+    const CQWString host = W("a.example");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    cache.Update(host, 2);
+    velatest::HeapWatch::StopFailing();
+    const std::vector<DNSInfo> expected = {Info("a.example", 2, KNow, 1)};
+    EXPECT_EQ(expected, Records(cache));
+    cache.Clear();
+}
+
 TEST_F(DNSCacheTest, RemoveUnlinksFirstMatchAnywhereInTheList)
 {
     CDNSCache cache;
@@ -492,6 +553,38 @@ TEST_F(DNSCacheTest, CharacterBeyondSixteenBitsTakesASurrogatePair)
     const std::vector<DNSInfo> records = {Info(name, 5, KNow, 0)};
     EXPECT_EQ(records, Records(reloaded));
     reloaded.Clear();
+}
+
+TEST_F(DNSCacheTest, WideCharacterThatIsNoCodePointIsWrittenAsReplacementCharacter)
+{
+    // U+FFFF and U+10FFFF are the last one-unit and the last two-unit code
+    // points; 0x110000 and every larger value are none.
+    const CQWString name = Wide({L'a', static_cast<wchar_t>(0xFFFF), static_cast<wchar_t>(0x10FFFF),
+                                 static_cast<wchar_t>(0x110000), static_cast<wchar_t>(0x7FFFFFFF),
+                                 static_cast<wchar_t>(-1), L'b'});
+    {
+        CDNSCache cache;
+        cache.Update(name, 9);
+    }
+    const QByteArray expected =
+        Le32(1) + EntryOfUnits({'a', 0xFFFF, 0xDBFF, 0xDFFF, 0xFFFD, 0xFFFD, 0xFFFD, 'b'}, 9, KNow);
+    EXPECT_EQ(expected, ReadAll(m_path)) << velatest::Visible(ReadAll(m_path));
+}
+
+TEST_F(DNSCacheTest, SurrogatePairThatEndsAt128UnitsIsWrittenAndOnePastIsNot)
+{
+    const QString pair = QString(QChar(0xD800)) + QChar(0xDC00);  // U+10000
+    ASSERT_EQ(2, pair.size());
+    const QString fits = QString(126, QLatin1Char('a')) + pair;       // 128 units
+    const QString tooLong = QString(127, QLatin1Char('b')) + pair;    // 129 units
+    {
+        CDNSCache cache;
+        cache.Update(W(fits), 1);
+        cache.Update(W(tooLong), 2);
+        ASSERT_EQ(128, cache.dnsList.GetHead()->name.GetLength());  // characters
+    }
+    // The count stays 2; the name of 129 units is left out.
+    EXPECT_EQ(Le32(2) + Entry(fits, 1, KNow), ReadAll(m_path));
 }
 
 TEST_F(DNSCacheTest, EmptyCacheWritesCountZero)
@@ -790,6 +883,68 @@ TEST_F(DNSCacheTest, LowSurrogateAloneAndHighSurrogateAtTheEndStandForThemselves
     EXPECT_EQ(static_cast<wchar_t>(0xD800), name.GetDataPtr()[3]);
 }
 
+TEST_F(DNSCacheTest, HighSurrogateBeforeAUnitThatIsNoLowSurrogateStandsForItself)
+{
+    // D800 'b'; DBFF E000 (just past the low surrogates); DBFF DFFF, the last pair.
+    const QByteArray bytes = Le32(3) + EntryOfUnits({0xD800, 'b'}, 1, 0) + EntryOfUnits({0xDBFF, 0xE000}, 2, 0) +
+                             EntryOfUnits({0xDBFF, 0xDFFF}, 3, 0);
+    const std::vector<DNSInfo> records = LoadFrom(bytes);
+    ASSERT_EQ(3u, records.size());
+    EXPECT_EQ(Wide({static_cast<wchar_t>(0xD800), L'b'}), records[0].name);
+    EXPECT_EQ(Wide({static_cast<wchar_t>(0xDBFF), static_cast<wchar_t>(0xE000)}), records[1].name);
+    EXPECT_EQ(Wide({static_cast<wchar_t>(0x10FFFF)}), records[2].name);
+}
+
+TEST_F(DNSCacheTest, FileLongerThanAnIntCanCountLoadsNothing)
+{
+    // A sparse file of 2 GiB: its first bytes are a valid file, but its
+    // length does not fit in an int.
+    PutFile(Le32(1) + Entry("a.example", 1, 0));
+    if (!QFile::resize(m_path, Q_INT64_C(0x80000000)))
+        GTEST_SKIP() << "no sparse file of 2 GiB here";
+    {
+        CDNSCache cache;
+        EXPECT_EQ(0, cache.dnsList.GetCount());
+        cache.Clear();
+    }
+    QFile::remove(m_path);
+}
+
+// Each allocation of a load fails in turn (the cache path, the file's
+// bytes, every entry, its name and its list node): what was read before the
+// failure stays, in file order, and nothing after it is read.
+TEST_F(DNSCacheTest, LoadThatRunsOutOfMemoryKeepsTheEntriesReadBefore)
+{
+    const QByteArray bytes = Le32(3) + Entry("a.example", 1, 0) + Entry("b.example", 2, 0) + Entry("c.example", 3, 0);
+    const std::vector<DNSInfo> all = {Info("a.example", 1, 0, 0), Info("b.example", 2, 0, 0),
+                                      Info("c.example", 3, 0, 0)};
+    std::vector<bool> seen(all.size() + 1, false);
+    std::size_t last = 0;
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        PutFile(bytes);
+        std::vector<DNSInfo> records;
+        {
+            velatest::HeapWatch::FailNothrowAfter(skip);
+            CDNSCache cache;
+            velatest::HeapWatch::StopFailing();
+            records = Records(cache);
+            cache.Clear();
+        }
+        ASSERT_LE(records.size(), all.size());
+        EXPECT_EQ(std::vector<DNSInfo>(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(records.size())),
+                  records);
+        EXPECT_GE(records.size(), last);
+        last = records.size();
+        seen[records.size()] = true;
+        if (records.size() == all.size())
+            break;
+    }
+    EXPECT_LT(skip, 64);
+    EXPECT_EQ(std::vector<bool>(all.size() + 1, true), seen);
+}
+
 TEST_F(DNSCacheTest, LargeFileIsReadWhole)
 {
     // Trailing bytes after the counted entries are read and ignored.
@@ -866,6 +1021,17 @@ TEST_F(DNSCacheTest, GetOrCreateRegisteredUsesACacheRegisteredByOthers)
     EXPECT_EQ(own, CDNSCache::GetOrCreateRegistered());
     CDNSCache::ReleaseRegistered();
     EXPECT_EQ(nullptr, CQInstance::Instance()->GetByUid(CDNSCache::KUidDNSCache));
+}
+
+TEST_F(DNSCacheTest, GetOrCreateRegisteredAnswersNullWhenMemoryRunsOut)
+{
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CDNSCache* cache = CDNSCache::GetOrCreateRegistered();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, cache);
+    EXPECT_EQ(nullptr, CQInstance::Instance()->GetByUid(CDNSCache::KUidDNSCache));
+    // With memory back, the next call creates it.
+    EXPECT_NE(nullptr, CDNSCache::GetOrCreateRegistered());
 }
 
 TEST_F(DNSCacheTest, ReleaseRegisteredSavesUnregistersAndIsSafeTwice)
