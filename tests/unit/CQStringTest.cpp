@@ -1,5 +1,7 @@
 #include "BaseClass/src/CQString.h"
 
+#include "support/HeapWatch.h"
+
 #include <gtest/gtest.h>
 
 #include <QString>
@@ -525,15 +527,25 @@ const FindRow kFindRows[] = {
     {"start-at-occurrence", "a,b,c", ",", 3, 3},
     {"start-just-past-last", "a,b,c", ",", 4, -1},
     {"start-at-end", "abc", "c", 2, 2},
+    {"start-negative-searches-from-0", "a,b,c", ",", -5, 1},
+    {"start-int-min-searches-from-0", "abc", "a", INT_MIN, 0},
+    {"empty-pattern-start-negative", "abc", "", -1, 0},
     {"start-at-length", "abc", "c", 3, -1},
     {"start-past-length", "abc", "c", 4, -1},
     {"empty-pattern-at-start", "abc", "", 0, 0},
     {"empty-pattern-at-offset", "abc", "", 2, 2},
     {"empty-pattern-at-length", "abc", "", 3, 3},
+    {"empty-pattern-past-length", "abc", "", 4, -1},
     {"crlfcrlf", "HTTP/1.1 200 OK\r\nA: b\r\n\r\nbody", "\r\n\r\n", 0, 21},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, CQSStringFind, ::testing::ValuesIn(kFindRows), RowName<FindRow>);
+
+TEST(CQSString, NullPatternIsNeverFound)
+{
+    EXPECT_EQ(-1, CQSString("abc").Find(nullptr));
+    EXPECT_EQ(-1, CQSString().Find(nullptr));
+}
 
 TEST(CQSString, FindCharWithStart)
 {
@@ -611,6 +623,17 @@ const AffixRow kAffixRows[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, CQSStringAffix, ::testing::ValuesIn(kAffixRows), RowName<AffixRow>);
+
+TEST(CQSString, NullAffixIsTheEmptyAffix)
+{
+    const CQSString s("abc");
+    EXPECT_TRUE(s.IsStartWith(nullptr));
+    EXPECT_TRUE(s.IsStartWithNoCase(nullptr));
+    EXPECT_TRUE(s.IsEndWith(nullptr));
+    EXPECT_TRUE(s.IsEndWithNoCase(nullptr));
+    EXPECT_TRUE(CQSString().IsStartWith(nullptr));
+    EXPECT_TRUE(CQSString().IsEndWith(nullptr));
+}
 
 TEST(CQSString, PrefixTestSeesEmbeddedNul)
 {
@@ -1437,6 +1460,23 @@ TEST(CQSString, SelfAssignmentKeepsContent)
     ExpectTerminated(s);
 }
 
+TEST(CQSString, SelfMoveAssignmentKeepsContent)
+{
+    CQSString s("keep");
+    CQSString& alias = s;
+    s = std::move(alias);
+    EXPECT_EQ("keep", Bytes(s));
+    ExpectTerminated(s);
+}
+
+TEST(CQSString, SetDataFromNullWideEmpties)
+{
+    CQSString s("old");
+    EXPECT_NE(0, s.SetData(static_cast<const CQWString*>(nullptr)));
+    EXPECT_EQ("", Bytes(s));
+    ExpectTerminated(s);
+}
+
 TEST(CQSString, MoveConstructionTakesTheContent)
 {
     CQSString a("moved\0bytes", 11);
@@ -1827,4 +1867,211 @@ TEST(CQWString, EqualityWithATextComparesTheCharactersOnEitherSide)
     EXPECT_FALSE(w != L"xy");
     EXPECT_TRUE(CQWString() == L"");
     EXPECT_TRUE(CQWString() == static_cast<const wchar_t*>(nullptr));
+}
+
+// ------------------------------------------- bad arguments and lack of memory
+//
+// Every call below must fail with 0 (or -1) and leave the old content as it
+// was, and the string must stay usable.
+
+TEST(CQSString, CountedSetDataWithBadArgumentsFailsAndKeepsTheText)
+{
+    CQSString s("kept");
+    EXPECT_EQ(0, s.SetData(U("abc"), -1));
+    EXPECT_EQ(0, s.SetData(nullptr, 3));
+    EXPECT_EQ(0, s.SetData(U("abc"), INT_MAX));  // one past the longest text
+    EXPECT_EQ("kept", Bytes(s));
+    ExpectTerminated(s);
+    EXPECT_NE(0, s.SetData(nullptr, 0));
+    EXPECT_EQ("", Bytes(s));
+}
+
+TEST(CQSString, CountedAppendDataWithBadArgumentsFailsAndKeepsTheText)
+{
+    CQSString s("kept");
+    EXPECT_EQ(0, s.AppendData(U("abc"), -1));
+    EXPECT_EQ(0, s.AppendData(nullptr, 3));
+    // INT_MAX - 1 bytes is the longest text; "kept" leaves room for fewer.
+    EXPECT_EQ(0, s.AppendData(U("abc"), INT_MAX - 1 - 3));
+    EXPECT_EQ("kept", Bytes(s));
+    EXPECT_NE(0, s.AppendData(nullptr, 0));
+    EXPECT_NE(0, s.AppendData(U("!"), 1));
+    EXPECT_EQ("kept!", Bytes(s));
+}
+
+TEST(CQSString, SetDataThatRunsOutOfMemoryKeepsTheText)
+{
+    CQSString s("kept");
+    const std::string longer(100, 'x');
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = s.SetData(longer.c_str());
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("kept", Bytes(s));
+    ExpectTerminated(s);
+}
+
+TEST(CQSString, AppendThatRunsOutOfMemoryKeepsTheText)
+{
+    CQSString s("kept");
+    const std::string longer(100, 'x');
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = s.AppendData(longer.c_str());
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("kept", Bytes(s));
+    ExpectTerminated(s);
+}
+
+TEST(CQSString, SetDataFromWideThatRunsOutOfMemoryKeepsTheText)
+{
+    CQSString s("kept");
+    const CQWString wide(L"www.example.com");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = s.SetData(&wide);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("kept", Bytes(s));
+}
+
+TEST(CQSString, ReplaceThatRunsOutOfMemoryKeepsTheText)
+{
+    CQSString s("a-b-c");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = s.Replace("-", "+");
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ("a-b-c", Bytes(s));
+    EXPECT_EQ(2, s.Replace("-", "+"));
+    EXPECT_EQ("a+b+c", Bytes(s));
+}
+
+// 46341 occurrences each replaced by 46341 bytes give 46341^2 =
+// 2147488281 bytes, just past the longest text (INT_MAX - 1): refused
+// before anything is allocated.
+TEST(CQSString, ReplaceWhoseResultWouldBeTooLongChangesNothing)
+{
+    const std::string text(46341, 'a');
+    const std::string replacement(46341, 'b');
+    CQSString s(text.c_str());
+    EXPECT_EQ(0, s.Replace("a", replacement.c_str()));
+    EXPECT_EQ(text, Bytes(s));
+}
+
+TEST(CQSString, DelimitedGetSubStringThatRunsOutOfMemoryKeepsOut)
+{
+    const CQSString s("key=[a long enough value]");
+    CQSString out("x");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = s.GetSubString(out, "[", "]", 0);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ("x", Bytes(out));
+    EXPECT_EQ(5, s.GetSubString(out, "[", "]", 0));
+    EXPECT_EQ("a long enough value", Bytes(out));
+}
+
+TEST(CQWString, ByteAppendWithBadArgumentsFailsAndKeepsTheText)
+{
+    CQWString w(L"kept");
+    EXPECT_EQ(0, w.AppendData(U("abc"), -1));
+    EXPECT_EQ(0, w.AppendData(nullptr, 3));
+    // The longest wide text is INT_MAX / sizeof(wchar_t) - 1 characters.
+    const int longest = static_cast<int>(INT_MAX / sizeof(wchar_t)) - 1;
+    EXPECT_EQ(0, w.AppendData(U("abc"), longest - 4 + 1));
+    EXPECT_EQ(L"kept", Wide(w));
+    EXPECT_NE(0, w.AppendData(nullptr, 0));
+    EXPECT_EQ(L"kept", Wide(w));
+}
+
+TEST(CQWString, SetByteDataWithBadArgumentsFailsAndKeepsTheText)
+{
+    CQWString w(L"kept");
+    EXPECT_EQ(0, w.SetByteData(U("abc"), -1));
+    EXPECT_EQ(0, w.SetByteData(nullptr, 3));
+    EXPECT_EQ(L"kept", Wide(w));
+    EXPECT_NE(0, w.SetByteData(nullptr, 0));
+    EXPECT_EQ(L"", Wide(w));
+}
+
+TEST(CQWString, ByteAppendAndSetThatRunOutOfMemoryKeepTheText)
+{
+    CQWString w(L"kept");
+    const std::string longer(100, 'x');
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int appended = w.AppendData(U(longer.c_str()), 100);
+    const int set = w.SetByteData(U(longer.c_str()), 100);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, appended);
+    EXPECT_EQ(0, set);
+    EXPECT_EQ(L"kept", Wide(w));
+    ExpectTerminated(w);
+}
+
+TEST(CQWString, ReplaceThatRunsOutOfMemoryKeepsTheText)
+{
+    CQWString w(L"a-b");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = w.Replace(L"-", L"+");
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(L"a-b", Wide(w));
+}
+
+// 23171^2 = 536895241 characters, just past the longest wide text
+// (INT_MAX / 4 - 1 = 536870910).
+TEST(CQWString, ReplaceWhoseResultWouldBeTooLongChangesNothing)
+{
+    const std::wstring text(23171, L'a');
+    const std::wstring replacement(23171, L'b');
+    CQWString w(text.c_str());
+    EXPECT_EQ(0, w.Replace(L"a", replacement.c_str()));
+    EXPECT_EQ(text, Wide(w));
+}
+
+TEST(CQWString, CopyThatRunsOutOfMemoryIsEmpty)
+{
+    const CQWString original(L"www.example.com");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const CQWString copy(original);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(L"", Wide(copy));
+    EXPECT_EQ(L"www.example.com", Wide(original));
+}
+
+TEST(CQWString, FromQStringThatRunsOutOfMemoryIsEmpty)
+{
+    const QString text = QStringLiteral("www.example.com");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const CQWString w(text);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(L"", Wide(w));
+}
+
+// The storage itself: capacities outside 0..KMaxLength are refused.
+TEST(StringStorage, ReserveRefusesCapacitiesOutsideTheLongestText)
+{
+    velanet::StringStorage<char> narrow;
+    EXPECT_EQ(0, narrow.Reserve(-1));
+    EXPECT_EQ(0, narrow.Reserve(velanet::StringStorage<char>::KMaxLength + 1));
+    EXPECT_EQ(nullptr, narrow.MutableData());
+    EXPECT_NE(0, narrow.Reserve(0));
+    ASSERT_NE(nullptr, narrow.MutableData());
+    EXPECT_EQ('\0', narrow.Data()[0]);
+
+    velanet::StringStorage<wchar_t> wide;
+    EXPECT_EQ(0, wide.Reserve(INT_MIN));
+    EXPECT_EQ(0, wide.Reserve(velanet::StringStorage<wchar_t>::KMaxLength + 1));
+    EXPECT_EQ(nullptr, wide.MutableData());
+}
+
+TEST(StringStorage, ReserveThatRunsOutOfMemoryKeepsTheText)
+{
+    velanet::StringStorage<char> text;
+    ASSERT_NE(0, text.Assign("kept", 4));
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = text.Reserve(1000);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(std::string("kept"), std::string(text.Data(), static_cast<size_t>(text.Length())));
 }
