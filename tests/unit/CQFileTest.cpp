@@ -1,6 +1,7 @@
 #include "BaseClass/src/CQFile.h"
 
 #include "BaseClass/src/CQString.h"
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QByteArray>
@@ -10,7 +11,22 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -817,4 +833,403 @@ TEST(CQFile, WritesPast4GiBWithSeek64)
     ASSERT_TRUE(check.open(QIODevice::ReadOnly));
     ASSERT_TRUE(check.seek(KFourGiB + 6));
     EXPECT_EQ(QByteArray("\0xyz", 4), check.read(4));
+}
+
+// --- memory, descriptors and signals --------------------------------------
+
+TEST(CQFile, OpenWithWriteCacheThatRunsOutOfMemoryFailsAndCreatesNothing)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    const std::wstring name = W(path);
+    CQFile file;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int opened = file.OpenWithWriteCache(name.c_str(), CQFile::KModeWrite, 100);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, opened);
+    EXPECT_FALSE(file.IsOpen());
+    EXPECT_FALSE(QFileInfo::exists(path));
+}
+
+TEST(CQFile, SeekFailsWhenTheCachedBytesCannotBeWritten)
+{
+    if (!QFileInfo::exists("/dev/full"))
+        GTEST_SKIP() << "no /dev/full";
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(L"/dev/full", CQFile::KModeWrite, 100));
+    ASSERT_EQ(10, file.Write("0123456789", 10));
+    EXPECT_LT(file.Seek(0, CQFile::KSeekBegin), 0);
+    // The lost bytes are reported once more by Close.
+    EXPECT_EQ(0, file.Close());
+}
+
+namespace {
+
+// A named pipe in dir; false when the file system has none.
+bool MakeFifo(const QString& path)
+{
+    return ::mkfifo(QFile::encodeName(path).constData(), 0600) == 0;
+}
+
+}  // namespace
+
+TEST(CQFile, LengthOfAPipeWithCachedBytesIsAnError)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("pipe");
+    if (!MakeFifo(path))
+        GTEST_SKIP() << "no named pipes here";
+    // A reader first, so that opening for writing does not wait for one.
+    const int reader = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(CQWString(path), CQFile::KModeWrite, 100));
+    EXPECT_EQ(0, file.GetLength());  // nothing cached: a pipe has no length
+    ASSERT_EQ(5, file.Write("bytes", 5));
+    // The cached bytes would go at the position, and a pipe has none.
+    EXPECT_LT(file.GetLength64(), 0);
+    EXPECT_LT(file.GetLength(), 0);
+    EXPECT_NE(0, file.Close());
+    char buffer[8] = {};
+    EXPECT_EQ(5, ::read(reader, buffer, sizeof buffer));
+    EXPECT_EQ(std::string("bytes"), std::string(buffer, 5));
+    ::close(reader);
+}
+
+TEST(CQFile, DescriptorClosedBehindTheFilesBackMakesCallsFail)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeRead));
+    // The descriptor is the one /proc names after the file.
+    const QByteArray target = QFile::encodeName(QFileInfo(path).canonicalFilePath());
+    int fd = -1;
+    for (int candidate = 0; candidate < 1024 && fd < 0; ++candidate) {
+        char link[64];
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", candidate);
+        char named[4096];
+        const ssize_t n = ::readlink(link, named, sizeof named);
+        if (n > 0 && QByteArray(named, static_cast<int>(n)) == target)
+            fd = candidate;
+    }
+    if (fd < 0)
+        GTEST_SKIP() << "no /proc/self/fd to find the descriptor";
+    ASSERT_EQ(0, ::close(fd));
+    EXPECT_LT(file.GetLength64(), 0);
+    EXPECT_LT(file.GetLength(), 0);
+    char buffer[4];
+    EXPECT_LT(file.Read(buffer, 3), 0);
+    EXPECT_EQ(0, file.Close());
+    EXPECT_FALSE(file.IsOpen());
+}
+
+namespace {
+
+std::atomic<int> g_signalsCaught{0};
+
+extern "C" void CountSignal(int)
+{
+    g_signalsCaught.fetch_add(1);
+}
+
+// Installs CountSignal for SIGUSR1 without SA_RESTART, so that a blocked
+// read or write returns EINTR; puts the old action back when it goes.
+class InterruptingSignal
+{
+public:
+    InterruptingSignal()
+    {
+        struct sigaction action = {};
+        action.sa_handler = CountSignal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        m_installed = ::sigaction(SIGUSR1, &action, &m_old) == 0;
+        g_signalsCaught = 0;
+    }
+    ~InterruptingSignal()
+    {
+        if (m_installed)
+            ::sigaction(SIGUSR1, &m_old, nullptr);
+    }
+    bool Installed() const { return m_installed; }
+
+private:
+    struct sigaction m_old = {};
+    bool m_installed = false;
+};
+
+// The system call thread tid is in, from /proc; -1 when it runs or the
+// kernel does not say.
+long CurrentSyscall(pid_t tid)
+{
+    char name[64];
+    std::snprintf(name, sizeof name, "/proc/self/task/%d/syscall", static_cast<int>(tid));
+    std::FILE* f = std::fopen(name, "r");
+    if (!f)
+        return -1;
+    long number = -1;
+    if (std::fscanf(f, "%ld", &number) != 1)
+        number = -1;
+    std::fclose(f);
+    return number;
+}
+
+bool SyscallVisible()
+{
+    return QFileInfo::exists(QStringLiteral("/proc/self/task/%1/syscall").arg(::syscall(SYS_gettid)));
+}
+
+// From another thread: waits until thread tid blocks in syscall, then
+// interrupts it with SIGUSR1 and waits for the handler. True when all of
+// that happened before the deadline.
+bool InterruptWhenBlocked(pthread_t thread, pid_t tid, long syscall)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (CurrentSyscall(tid) != syscall) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    if (::pthread_kill(thread, SIGUSR1) != 0)
+        return false;
+    while (g_signalsCaught.load() == 0) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(CQFile, ReadInterruptedBySignalGoesOn)
+{
+    if (!SyscallVisible())
+        GTEST_SKIP() << "the kernel does not show a thread's system call";
+    velatest::TempDir dir;
+    const QString path = dir.File("pipe");
+    if (!MakeFifo(path))
+        GTEST_SKIP() << "no named pipes here";
+    const QByteArray name = QFile::encodeName(path);
+    // A reader for the writer to find, then the writer, then the file.
+    const int keeper = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(keeper, 0);
+    const int writer = ::open(name.constData(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(writer, 0);
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeRead));
+    ::close(keeper);
+
+    InterruptingSignal signal;
+    ASSERT_TRUE(signal.Installed());
+    const pthread_t self = ::pthread_self();
+    const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    bool interrupted = false;
+    std::thread helper([&] {
+        interrupted = InterruptWhenBlocked(self, tid, SYS_read);
+        // The bytes come after the signal, so the read had nothing yet.
+        static_cast<void>(::write(writer, "hello", 5));
+        ::close(writer);
+    });
+    char buffer[16] = {};
+    const int got = file.Read(buffer, 5);
+    helper.join();
+    EXPECT_TRUE(interrupted);
+    EXPECT_EQ(5, got);
+    EXPECT_EQ(std::string("hello"), std::string(buffer, 5));
+}
+
+TEST(CQFile, WriteInterruptedBySignalGoesOn)
+{
+    if (!SyscallVisible())
+        GTEST_SKIP() << "the kernel does not show a thread's system call";
+    velatest::TempDir dir;
+    const QString path = dir.File("pipe");
+    if (!MakeFifo(path))
+        GTEST_SKIP() << "no named pipes here";
+    const QByteArray name = QFile::encodeName(path);
+    const int reader = ::open(name.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeWrite));
+    // Fill the pipe, so that the file's write blocks before moving a byte.
+    const int filler = ::open(name.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(filler, 0);
+    QByteArray expected;
+    const QByteArray block(4096, 'f');
+    for (;;) {
+        const ssize_t put = ::write(filler, block.constData(), static_cast<size_t>(block.size()));
+        if (put <= 0)
+            break;
+        expected += block.left(static_cast<int>(put));
+    }
+    ASSERT_EQ(EAGAIN, errno);
+    ::close(filler);
+    const QByteArray data = Pattern(100);
+    expected += data;
+
+    InterruptingSignal signal;
+    ASSERT_TRUE(signal.Installed());
+    const pthread_t self = ::pthread_self();
+    const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    bool interrupted = false;
+    QByteArray drained;
+    std::thread helper([&] {
+        interrupted = InterruptWhenBlocked(self, tid, SYS_write);
+        // Drain the pipe until every byte has come out.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        char buffer[4096];
+        while (drained.size() < expected.size() && std::chrono::steady_clock::now() < deadline) {
+            const ssize_t got = ::read(reader, buffer, sizeof buffer);
+            if (got > 0)
+                drained.append(buffer, static_cast<int>(got));
+            else
+                std::this_thread::yield();
+        }
+    });
+    const int put = file.Write(data.constData(), static_cast<int>(data.size()));
+    helper.join();
+    ::close(reader);
+    EXPECT_TRUE(interrupted);
+    EXPECT_EQ(100, put);
+    EXPECT_EQ(expected, drained);
+    EXPECT_NE(0, file.Close());
+}
+
+TEST(CQFile, OpenOfAPipeInterruptedBySignalGoesOn)
+{
+    if (!SyscallVisible())
+        GTEST_SKIP() << "the kernel does not show a thread's system call";
+    velatest::TempDir dir;
+    const QString path = dir.File("pipe");
+    if (!MakeFifo(path))
+        GTEST_SKIP() << "no named pipes here";
+    const QByteArray name = QFile::encodeName(path);
+
+    InterruptingSignal signal;
+    ASSERT_TRUE(signal.Installed());
+    const pthread_t self = ::pthread_self();
+    const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    bool interrupted = false;
+    std::thread helper([&] {
+        // Opening a pipe for reading waits for a writer: interrupt that wait,
+        // then come as the writer.
+        interrupted = InterruptWhenBlocked(self, tid, SYS_openat);
+        const int writer = ::open(name.constData(), O_WRONLY | O_CLOEXEC);
+        if (writer >= 0) {
+            static_cast<void>(::write(writer, "x", 1));
+            ::close(writer);
+        }
+    });
+    CQFile file;
+    const int opened = file.Open(CQWString(path), CQFile::KModeRead);
+    char c = 0;
+    const int got = opened ? file.Read(&c, 1) : -1;
+    helper.join();
+    EXPECT_TRUE(interrupted);
+    EXPECT_NE(0, opened);
+    EXPECT_EQ(1, got);
+    EXPECT_EQ('x', c);
+}
+
+TEST(CQFile, LengthOfAPipeInterruptedWhileOpeningIsNegative)
+{
+    if (!SyscallVisible())
+        GTEST_SKIP() << "the kernel does not show a thread's system call";
+    velatest::TempDir dir;
+    const QString path = dir.File("pipe");
+    if (!MakeFifo(path))
+        GTEST_SKIP() << "no named pipes here";
+    const QByteArray name = QFile::encodeName(path);
+
+    InterruptingSignal signal;
+    ASSERT_TRUE(signal.Installed());
+    const pthread_t self = ::pthread_self();
+    const pid_t tid = static_cast<pid_t>(::syscall(SYS_gettid));
+    bool interrupted = false;
+    std::thread helper([&] {
+        interrupted = InterruptWhenBlocked(self, tid, SYS_openat);
+        const int writer = ::open(name.constData(), O_WRONLY | O_CLOEXEC);
+        if (writer >= 0)
+            ::close(writer);
+    });
+    // The open goes on after the signal; a pipe is no regular file.
+    const long long length = CQFile::GetFileLength64(CQWString(path));
+    helper.join();
+    EXPECT_TRUE(interrupted);
+    EXPECT_LT(length, 0);
+}
+
+TEST(CQFile, ReadIntoOrWriteFromNullFailsOnAnOpenFile)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f");
+    ASSERT_TRUE(WriteWhole(path, "abc"));
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(path), CQFile::KModeRead));
+    EXPECT_LT(file.Read(nullptr, 3), 0);
+    char buffer[3];
+    EXPECT_EQ(3, file.Read(buffer, 3));  // the failed call moved nothing
+    ASSERT_NE(0, file.OpenWithWriteCache(CQWString(path), CQFile::KModeWrite, 16));
+    EXPECT_LT(file.Write(nullptr, 3), 0);
+    EXPECT_NE(0, file.Close());
+    EXPECT_EQ(QByteArray(), Contents(path));
+}
+
+TEST(CQFile, ReadThatFailsAfterSomeBytesGivesThoseBytes)
+{
+    // This process's memory as a file: a readable page followed by an
+    // unmapped one, where reading fails.
+    const long page = ::sysconf(_SC_PAGESIZE);
+    ASSERT_GT(page, 0);
+    void* area = ::mmap(nullptr, static_cast<size_t>(2 * page), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
+                        -1, 0);
+    ASSERT_NE(MAP_FAILED, area);
+    unsigned char* bytes = static_cast<unsigned char*>(area);
+    std::memset(bytes, 'm', static_cast<size_t>(page));
+    ASSERT_EQ(0, ::munmap(bytes + page, static_cast<size_t>(page)));
+
+    CQFile file;
+    if (!file.Open(L"/proc/self/mem", CQFile::KModeRead)) {
+        ::munmap(area, static_cast<size_t>(page));
+        GTEST_SKIP() << "no /proc/self/mem to read";
+    }
+    const long long at = static_cast<long long>(reinterpret_cast<std::uintptr_t>(bytes));
+    ASSERT_EQ(at, file.Seek64(at, CQFile::KSeekBegin));
+    std::vector<unsigned char> buffer(static_cast<size_t>(2 * page), 0);
+    EXPECT_EQ(page, file.Read(buffer.data(), static_cast<int>(2 * page)));
+    EXPECT_EQ(std::vector<unsigned char>(static_cast<size_t>(page), 'm'),
+              std::vector<unsigned char>(buffer.begin(), buffer.begin() + page));
+    ::munmap(area, static_cast<size_t>(page));
+}
+
+TEST(CQFile, RecursiveDelDirRefusesLinks)
+{
+    velatest::TempDir dir;
+    const QString target = dir.File("target");
+    ASSERT_TRUE(QDir().mkpath(target));
+    ASSERT_TRUE(WriteWhole(target + "/precious", "keep"));
+    // A link to a directory is no directory to remove.
+    const QString link = dir.File("link");
+    ASSERT_TRUE(QFile::link(target, link));
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(CQWString(link)));
+    EXPECT_TRUE(QFileInfo(link).isSymLink());
+    EXPECT_EQ(QByteArray("keep"), Contents(target + "/precious"));
+    // Nor is a link to nothing, though nothing exists at its end.
+    const QString dangling = dir.File("dangling");
+    ASSERT_TRUE(QFile::link(dir.File("missing"), dangling));
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(CQWString(dangling)));
+    EXPECT_TRUE(QFileInfo(dangling).isSymLink());
+}
+
+TEST(CQFile, RecursiveDelDirOfADirectoryTheSystemKeepsFails)
+{
+    // The kernel's own directories cannot be emptied, not even by root.
+    const QString kept = QStringLiteral("/proc/self/fdinfo");
+    if (!QFileInfo(kept).isDir())
+        GTEST_SKIP() << "no /proc here";
+    EXPECT_EQ(0, CQFile::RecursiveDelDir(CQWString(kept)));
+    EXPECT_TRUE(QFileInfo(kept).isDir());
 }
