@@ -1,7 +1,8 @@
 // The HTTP socket engine against a QTcpServer on 127.0.0.1: lookup and
 // cache paths, connect, paced request slices, pieces of received bytes,
 // the stop rules of a read, the end of a body framed by the close, failures
-// and cancellation.
+// and cancellation, the proxy's tunnel replies, resumable uploads, and the
+// paths taken when a nothrow allocation fails.
 
 #include "src/CQHttpSocketEngine.h"
 
@@ -11,18 +12,23 @@
 #include "src/IAPConnectEngine.h"
 #include "src/RequestHeaderUnit.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QCryptographicHash>
 #include <QFile>
 #include <QHostAddress>
 #include <QHostInfo>
+#include <QPointer>
+#include <QSslSocket>
 #include <QTcpServer>
 #include <QTcpSocket>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -49,6 +55,9 @@ public:
         engine.iBusy = true;
         engine.iStatus = CQHttpSocketEngine::HSES_Receiving;
     }
+    // Reception no longer armed: readyRead is ignored, bytes stay in the socket.
+    static void Disarm(CQHttpSocketEngine& engine) { engine.iReadArmed = false; }
+    static QSslSocket* SecureSocket(CQHttpSocketEngine& engine) { return engine.iSecureSocket; }
 };
 
 namespace {
@@ -72,6 +81,7 @@ public:
     MOCK_METHOD(int, OnSocketEngine_SendData, (unsigned char* data, int len), (override));
     MOCK_METHOD(int, OnSocketEngine_ReceivDataEnd, (), (override));
     MOCK_METHOD(unsigned char*, OnSocketEngine_GetMoreSendData, (int offset, int& len), (override));
+    MOCK_METHOD(void, OnSocketEngine_TunnelRefused, (int status), (override));
 };
 
 // Bytes that differ from one 1024-byte slice to the next.
@@ -1163,6 +1173,8 @@ TEST_F(SocketEngineTest, PlatformCallsDoNothing)
     engine->CloseIap();
     engine->ChangeStateL(QByteArray("x"));
     engine->SetIapEngine(nullptr);
+    int http = 0;
+    engine->SetOLHttp(&http);
     EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
     EXPECT_FALSE(engine->IsBusy());
 }
@@ -1501,6 +1513,8 @@ const RangeRow KRangeRows[] = {
     {"range-at-the-very-start", "Range: 42\r\n", true, 42},
     {"range-without-crlf-runs-to-the-end", "HTTP/1.1 200 OK\r\nRange: 1000", true, 1000},
     {"range-max-unsigned", "HTTP/1.1 200 OK\r\nRange: 4294967295\r\n\r\n", true, 4294967295u},
+    {"range-cr-without-lf-stays-in-the-value", "HTTP/1.1 200 OK\r\nRange: 12\r3\r\n\r\n", true, 12},
+    {"range-ending-in-a-lone-cr", "HTTP/1.1 200 OK\r\nRange: 77\r", true, 77},
     {"range-not-a-number", "HTTP/1.1 200 OK\r\nRange: bytes=0-9\r\n\r\n", true, 0},
     {"range-empty-value", "HTTP/1.1 200 OK\r\nRange: \r\n\r\n", true, 0},
     {"no-range", "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n", false, 0},
@@ -1542,6 +1556,10 @@ TEST(OLBlockFit, BlockAndTextFillTheBlockBufferAtMost)
     EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, 0));
     EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, host, -1));
     EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(-1, host, 100));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(key, -1, 100));
+    // Key or host longer than the text array itself.
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(1025, 0, 100));
+    EXPECT_FALSE(CQHttpSocketEngine::OLBlockFits(0, 1025, 100));
     // A key whose text no longer fits its 1024-byte array.
     const int longestKey = 1023 - CQHttpSocketEngine::OLRequestTextLength(32, host);
     EXPECT_TRUE(CQHttpSocketEngine::OLBlockFits(longestKey, host, 100));
@@ -1839,6 +1857,718 @@ TEST_F(OLUploadTest, DoSendOLFileWithoutAConnectionIsRefused)
     MakeUpload(600, 1024);
     EXPECT_EQ(0, engine->DoSendOLFile(unit, false));
     EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- edges of the steps
+
+namespace {
+
+TEST(OLRequestText, LengthStopsAtIntMax)
+{
+    const int fixed = CQHttpSocketEngine::OLRequestTextLength(0, 0);
+    EXPECT_EQ(INT_MAX - 1, CQHttpSocketEngine::OLRequestTextLength(INT_MAX - fixed - 1, 0));
+    EXPECT_EQ(INT_MAX, CQHttpSocketEngine::OLRequestTextLength(INT_MAX - fixed, 0)) << "at the edge";
+    EXPECT_EQ(INT_MAX, CQHttpSocketEngine::OLRequestTextLength(INT_MAX, INT_MAX)) << "far past it";
+}
+
+TEST_F(OLUploadTest, RequestTextWithAPathOrHostOf1024BytesIsRefused)
+{
+    std::string path(1024, 'p');
+    EXPECT_EQ(nullptr, engine->GetPostOLFileMethodData(&path[0], 0, 0, "h"));
+    char shortPath[] = "/p";
+    const std::string host(1024, 'h');
+    EXPECT_EQ(nullptr, engine->GetPostOLFileMethodData(shortPath, 0, 0, host.c_str()));
+    // The host is remembered even so, and refuses the later texts too.
+    EXPECT_EQ(host, std::string(engine->GetOLHost().GetDataPtr()));
+    EXPECT_EQ(nullptr, engine->GetPostOLFileMethodData(shortPath, 0, 0, nullptr));
+}
+
+// ---------------------------------------------------------------- failed allocations
+
+TEST(SocketEngineAllocationTest, NewLAnswersNullWithoutMemory)
+{
+    MockObserver observer;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CQHttpSocketEngine* engine = CQHttpSocketEngine::NewLC(&observer, 0, 0);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, engine);
+    delete engine;
+}
+
+TEST_F(OLUploadTest, RequestTextWithoutMemoryIsNull)
+{
+    char path[] = "/p";
+    velatest::HeapWatch::FailNothrowAfter(0);
+    char* text = engine->GetPostOLFileMethodData(path, 0, 0, nullptr);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, text);
+    delete[] text;
+}
+
+TEST_F(SocketEngineTest, ReplyTimerWithoutMemoryIsNotStarted)
+{
+    CountingTimerObserver timerObserver;
+    // No memory for the timer's relay, then (the relay made) for the timer.
+    for (int skip = 0; skip < 2; ++skip) {
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        engine->StartOLFileRecvTimer(&timerObserver, 0);
+        velatest::HeapWatch::StopFailing();
+        EXPECT_TRUE(engine->findChildren<CQTimer*>().isEmpty()) << "skip " << skip;
+    }
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(0, timerObserver.count);
+    engine->StartOLFileRecvTimer(&timerObserver, 0);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return timerObserver.count >= 1; }, KDeadlineMs));
+    engine->DoStopOLFileTimer();
+}
+
+TEST_F(OLUploadTest, FirstBlockWithoutMemorySendsNothingUntilMemoryComes)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    // Every nothrow allocation from the skip-th on fails: first the block
+    // buffer (-1), then the digest or text of the block (0), until the run
+    // that needs no more than skip allocations sends the block.
+    std::vector<int> results;
+    for (int skip = 0; skip < 64; ++skip) {
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = engine->DoSendOLFile(unit, false);
+        velatest::HeapWatch::StopFailing();
+        results.push_back(result);
+        if (result == 1)
+            break;
+        EXPECT_EQ(CQHttpSocketEngine::HSES_Connected, Status()) << "skip " << skip;
+        EXPECT_FALSE(engine->IsBusy()) << "skip " << skip;
+    }
+    ASSERT_EQ(1, results.back());
+    const auto firstZero = std::find(results.begin(), results.end(), 0);
+    ASSERT_NE(results.begin(), firstZero) << "the block buffer failed first";
+    EXPECT_TRUE(std::all_of(results.begin(), firstZero, [](int r) { return r == -1; }));
+    ASSERT_NE(results.end() - 1, firstZero) << "then the block's digest or text";
+    EXPECT_TRUE(std::all_of(firstZero, results.end() - 1, [](int r) { return r == 0; }));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+}
+
+TEST_F(SocketEngineTest, WithoutMemoryForTheCacheALookupStillConnects)
+{
+    LoopbackServer server;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(37, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    }
+    SetName(*engine, "no-cache-host.invalid");
+    engine->SetPort(server.Port());
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int started = engine->ConnectL();
+    velatest::HeapWatch::StopFailing();
+    ASSERT_EQ(1, started);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_LookingUp, Status());
+
+    QHostInfo answer(Peer::LookupId(*engine));
+    answer.setHostName(QStringLiteral("no-cache-host.invalid"));
+    answer.setAddresses({QHostAddress(QHostAddress::LocalHost)});
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Peer::GiveLookupAnswer(*engine, answer);
+    velatest::HeapWatch::StopFailing();
+    // No cache was made, so nothing was filed.
+    EXPECT_EQ(nullptr, CQInstance::Instance()->GetByUid(CDNSCache::KUidDNSCache));
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return Status() == CQHttpSocketEngine::HSES_Connected && server.connections == 1; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, WithoutMemoryForTheCacheAnEmptyAnswerReports36)
+{
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(36, 0));
+    }
+    SetName(*engine, "no-cache-host.invalid");
+    ASSERT_EQ(1, engine->ConnectL());
+    QHostInfo answer(Peer::LookupId(*engine));
+    answer.setHostName(QStringLiteral("no-cache-host.invalid"));
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Peer::GiveLookupAnswer(*engine, answer);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+// ---------------------------------------------------------------- lookup answers
+
+TEST_F(SocketEngineTest, AnswerThatFindsTheEngineMovedOutOfItsLookupIsIgnored)
+{
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+    SetName(*engine, "moved-on.invalid");
+    ASSERT_EQ(1, engine->ConnectL());
+    engine->ChangeEngineStatus(CQHttpSocketEngine::HSES_Idle);
+    QHostInfo answer(Peer::LookupId(*engine));
+    answer.setAddresses({QHostAddress(QHostAddress::LocalHost)});
+    Peer::GiveLookupAnswer(*engine, answer);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(QAbstractSocket::UnconnectedState, Socket().state());
+}
+
+TEST_F(SocketEngineTest, AnswerWithoutAnIPv4OrIPv6AddressReports36)
+{
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(36, 0));
+    }
+    SetName(*engine, "odd-answer.invalid");
+    ASSERT_EQ(1, engine->ConnectL());
+    QHostInfo answer(Peer::LookupId(*engine));
+    answer.setAddresses({QHostAddress()});
+    Peer::GiveLookupAnswer(*engine, answer);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST_F(SocketEngineTest, ConnectStartedByTheOwnerInsideTheResolvedReportIsTheOneMade)
+{
+    LoopbackServer named;
+    LoopbackServer chosen;
+    {
+        InSequence order;
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(38, 0));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(37, 0)).WillOnce(Invoke([&](int, int) {
+            engine->SetPort(chosen.Port());
+            EXPECT_EQ(1, engine->ConnectByIP(QStringLiteral("127.0.0.1")));
+        }));
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    }
+    SetName(*engine, "localhost");
+    engine->SetPort(named.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return Status() == CQHttpSocketEngine::HSES_Connected && chosen.connections == 1; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(0, named.connections);
+}
+
+// ---------------------------------------------------------------- sockets
+
+TEST_F(SocketEngineTest, SecureFlagSetDuringAPlainExchangeWaitsForTheNextConnect)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    engine->SetSecure(true);
+    ASSERT_EQ(1, engine->DoReceive());
+    const QByteArray bytes = Pattern(300, 5);
+    server.Send(bytes);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined().size() == bytes.size(); }, KDeadlineMs));
+    EXPECT_EQ(bytes, Joined());
+    EXPECT_EQ(nullptr, Peer::SecureSocket(*engine));
+}
+
+TEST_F(SocketEngineTest, SignalsOfThePlainSocketAreIgnoredWhileASecureConnectionRuns)
+{
+    LoopbackServer server;  // speaks no TLS: the handshake stays open
+    engine->SetSecure(true);
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_NE(nullptr, Peer::SecureSocket(*engine));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !server.received.isEmpty(); }, KDeadlineMs));
+    QTcpSocket& plain = Socket();
+    emit plain.connected();
+    emit plain.bytesWritten(10);
+    emit plain.readyRead();
+    emit plain.errorOccurred(QAbstractSocket::RemoteHostClosedError);
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    engine->CancelEngine();
+}
+
+TEST_F(SocketEngineTest, SignalsOfTheSecureSocketAreIgnoredOnceTheExchangeIsPlain)
+{
+    LoopbackServer server;  // speaks no TLS: the handshake stays open
+    engine->SetSecure(true);
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    QSslSocket* secure = Peer::SecureSocket(*engine);
+    ASSERT_NE(nullptr, secure);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !server.received.isEmpty(); }, KDeadlineMs));
+    // The plain socket is the current one from here on.
+    engine->SetSecure(false);
+    emit secure->connected();
+    emit secure->encrypted();
+    emit secure->sslErrors(QList<QSslError>());
+    emit secure->readyRead();
+    emit secure->encryptedBytesWritten(10);
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    engine->CancelEngine();
+}
+
+TEST_F(SocketEngineTest, ReadNotificationWithNothingToReadKeepsReceptionArmed)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces();
+    ASSERT_EQ(1, engine->DoReceive());
+    emit Socket().readyRead();
+    EXPECT_TRUE(pieces.empty());
+    EXPECT_TRUE(engine->IsBusy());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    server.Send(Pattern(10));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Joined() == Pattern(10); }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, RequestGivenWhileAnEarlierOnesBytesWaitStartsAtTheNextBytesWritten)
+{
+    LoopbackServer server;
+    Connect(server);
+    QByteArray first = Pattern(2500, 1);
+    QByteArray second("GET /second HTTP/1.1\r\n\r\n");
+    ASSERT_EQ(1, engine->DoSend(Bytes(first), first.size(), false));
+    ASSERT_EQ(1024, Socket().bytesToWrite());
+    ASSERT_EQ(1, engine->DoSend(Bytes(second), second.size(), false));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Sending, Status());
+    EXPECT_EQ(1024, Socket().bytesToWrite()) << "nothing of the second request yet";
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] {
+            return server.received.size() == 1024 + second.size() && Status() == CQHttpSocketEngine::HSES_Receiving;
+        },
+        KDeadlineMs));
+    EXPECT_EQ(first.left(1024) + second, server.received);
+}
+
+TEST_F(SocketEngineTest, BytesBeforeArmingAreNotHandedUpAfterACancel)
+{
+    LoopbackServer server;
+    Connect(server);
+    BufferUnarmed(server, Pattern(500));
+    ASSERT_EQ(1, engine->DoReceive());
+    engine->CancelEngine();
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return server.disconnects == 1; }, KDeadlineMs));
+}
+
+TEST_F(SocketEngineTest, ZeroAnswerInTheFirstOfSeveralBlocksDropsTheRestOfTheRead)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces(0);
+    BufferUnarmed(server, Pattern(100 * 1024));
+    ASSERT_EQ(1, engine->DoReceive());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !pieces.empty(); }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(std::vector<int>({1024}), PieceSizes());
+    EXPECT_EQ(0, Socket().bytesAvailable());
+    EXPECT_FALSE(engine->IsBusy());
+    // Later bytes wait in the socket: reception is not armed.
+    server.Send(Pattern(10));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Socket().bytesAvailable() == 10; }, KDeadlineMs));
+    EXPECT_EQ(1u, pieces.size());
+}
+
+TEST_F(SocketEngineTest, ZeroAnswerToAReadFromTheKernelDropsWhatTheKernelHolds)
+{
+    LoopbackServer server;
+    Connect(server);
+    ASSERT_EQ(1, engine->DoReceive());
+    // Armed for direct reads but deaf: Qt takes one byte, the rest stays in
+    // the kernel until the next notification.
+    Peer::Disarm(*engine);
+    server.Send(Pattern(200 * 1024));
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return server.peer->bytesToWrite() == 0 && Socket().bytesAvailable() == 1; }, KDeadlineMs));
+    RecordPieces(0);
+    Peer::ArmWithoutReading(*engine);
+    emit Socket().readyRead();
+    EXPECT_EQ(std::vector<int>({1024}), PieceSizes());
+    EXPECT_FALSE(engine->IsBusy());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(1u, pieces.size());
+}
+
+TEST_F(SocketEngineTest, ZeroAnswerToUnreadBytesAtTheCloseEndsWithoutTheEndReport)
+{
+    LoopbackServer server;
+    Connect(server);
+    RecordPieces(0);
+    BufferUnarmed(server, Pattern(1100));
+    Peer::ArmWithoutReading(*engine);
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return !pieces.empty(); }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(std::vector<int>({1024}), PieceSizes());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(SocketEngineTest, NewExchangeStartedOnTheUnreadBytesAtTheCloseGoesOn)
+{
+    LoopbackServer first;
+    LoopbackServer second;
+    Connect(first);
+    int calls = 0;
+    EXPECT_CALL(observer, OnSocketEngine_ReceiveData(_, _)).WillRepeatedly(Invoke([&](unsigned char*, int) {
+        ++calls;
+        engine->CancelEngine();
+        SetName(*engine, "127.0.0.1");
+        engine->SetPort(second.Port());
+        EXPECT_EQ(1, engine->ConnectL());
+        return 1;
+    }));
+    BufferUnarmed(first, Pattern(1100));
+    Peer::ArmWithoutReading(*engine);
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(32, 0));
+    first.Close();
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return Status() == CQHttpSocketEngine::HSES_Connected && second.connections == 1; }, KDeadlineMs));
+    EXPECT_EQ(1, calls);
+}
+
+TEST(SocketEngineNoObserverTest, BodyEndedByTheCloseIdlesWithoutAnObserver)
+{
+    LoopbackServer server;
+    std::unique_ptr<CQHttpSocketEngine> engine(CQHttpSocketEngine::NewL(nullptr, 0, 0));
+    ASSERT_NE(nullptr, engine);
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return engine->GetEngineStatus() == CQHttpSocketEngine::HSES_Connected && server.peer != nullptr; },
+        KDeadlineMs));
+    ASSERT_EQ(1, engine->DoReceive());
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetEngineStatus() == CQHttpSocketEngine::HSES_Idle; },
+                                    KDeadlineMs));
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST(SocketEngineNoObserverTest, UnreadBytesAtTheCloseAreDroppedWithoutAnObserver)
+{
+    LoopbackServer server;
+    std::unique_ptr<CQHttpSocketEngine> engine(CQHttpSocketEngine::NewL(nullptr, 0, 0));
+    ASSERT_NE(nullptr, engine);
+    SetName(*engine, "127.0.0.1");
+    engine->SetPort(server.Port());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return engine->GetEngineStatus() == CQHttpSocketEngine::HSES_Connected && server.peer != nullptr; },
+        KDeadlineMs));
+    QTcpSocket& socket = Peer::Socket(*engine);
+    server.Send(Pattern(1100));
+    ASSERT_TRUE(velatest::SpinUntil([&] { return socket.bytesAvailable() == 1100; }, KDeadlineMs));
+    Peer::ArmWithoutReading(*engine);
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return engine->GetEngineStatus() == CQHttpSocketEngine::HSES_Idle; },
+                                    KDeadlineMs));
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+// ---------------------------------------------------------------- resumable upload edges
+
+TEST_F(OLUploadTest, UnitWithoutAKeyNamesTheBlockByItsDigestAlone)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    unit.FreeKey();
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    EXPECT_EQ(std::string(), std::string(engine->GetOLKey().GetDataPtr()));
+    ExpectOnWire(server, OLRequest("", KOLHost, file));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({600}), progress);
+}
+
+TEST_F(OLUploadTest, BytesWrittenBeforeTheWholeBlockLeftTheSocketWaits)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ASSERT_GT(Socket().bytesToWrite(), 0);
+    Peer::BytesWritten(*engine, 0);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Sending, Status());
+    EXPECT_EQ(CQHttpSocketEngine::OLS_FirstBlock, engine->GetOLState());
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    // A late notification once the upload is over changes nothing.
+    Peer::BytesWritten(*engine, 0);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_EQ(std::vector<int>({600}), progress);
+}
+
+TEST_F(OLUploadTest, HandOnAfterTheUploadDoesNotPassTheBlockReplyUp)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(600, 1024);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 600\r\n\r\n");
+    ASSERT_EQ(600u, engine->GetOLFileServerSavedLength());
+    // The reply is not body bytes: nothing reaches OnSocketEngine_ReceiveData.
+    EXPECT_EQ(1, engine->HandleRecvData());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Receiving, Status());
+    EXPECT_EQ(0u, engine->GetOLFileServerSavedLength());
+}
+
+TEST_F(OLUploadTest, FileThatShrankEndsTheUploadWithMinusOne)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(3000, 1000);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    ASSERT_TRUE(QFile::resize(m_files.File("upload.bin"), 1000));
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({-1}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(wire, server.received.size()) << "no block without bytes";
+}
+
+TEST_F(OLUploadTest, HostGrownPastTheBlockBufferEndsTheUploadWithMinusOne)
+{
+    LoopbackServer server;
+    Connect(server);
+    const int text = CQHttpSocketEngine::OLRequestTextLength(KOLKey.size() + 32, KOLHost.size());
+    const int blockSize = 20480 - text;
+    MakeUpload(1000 + blockSize, blockSize);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    // A text built for a host one byte longer: the host the next blocks name.
+    char path[] = "/p";
+    std::unique_ptr<char[]> longer(engine->GetPostOLFileMethodData(path, 0, 0, (KOLHost + "x").constData()));
+    ASSERT_NE(nullptr, longer);
+    Reply(server, "HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    EXPECT_EQ(std::vector<int>({-1}), progress);
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(wire, server.received.size()) << "no block past the buffer";
+}
+
+TEST_F(OLUploadTest, ReplyThatCameWithTheCloseIsActedUponAndTheNextBlockFailsAs34)
+{
+    LoopbackServer server;
+    Connect(server);
+    MakeUpload(5000, 1000);
+    RecordProgress();
+    ASSERT_EQ(1, engine->DoSendOLFile(unit, false));
+    ExpectOnWire(server, OLRequest(KOLKey, KOLHost, file.left(1000)));
+    // The reply waits in the socket until the close is noticed, and
+    // reception is armed in that same turn.
+    Peer::Disarm(*engine);
+    QObject::connect(&Socket(), &QAbstractSocket::errorOccurred, engine.get(),
+                     [this] { Peer::ArmWithoutReading(*engine); });
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    server.Send("HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    server.Close();
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_TRUE(progress.empty());
+    EXPECT_EQ(1000u, engine->GetOLFileServerSavedLength());
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+}
+
+TEST_F(OLUploadTest, UploadWithoutAnObserverRunsToItsEnd)
+{
+    LoopbackServer server;
+    std::unique_ptr<CQHttpSocketEngine> quiet(CQHttpSocketEngine::NewL(nullptr, 0, 0));
+    ASSERT_NE(nullptr, quiet);
+    SetName(*quiet, "127.0.0.1");
+    quiet->SetPort(server.Port());
+    ASSERT_EQ(1, quiet->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil(
+        [&] { return quiet->GetEngineStatus() == CQHttpSocketEngine::HSES_Connected && server.peer != nullptr; },
+        KDeadlineMs));
+    MakeUpload(2500, 1000);
+    int at = 0;
+    auto expectBlock = [&](const QByteArray& request) {
+        ASSERT_TRUE(velatest::SpinUntil(
+            [&] {
+                return server.received.size() >= at + request.size() &&
+                       quiet->GetEngineStatus() == CQHttpSocketEngine::HSES_Receiving;
+            },
+            KDeadlineMs));
+        EXPECT_EQ(velatest::Visible(request), velatest::Visible(server.received.mid(at, request.size())));
+        at += request.size();
+    };
+    auto replyAndWaitForTheEnd = [&](const QByteArray& reply) {
+        server.Send(reply);
+        ASSERT_TRUE(velatest::SpinUntil(
+            [&] { return quiet->GetEngineStatus() == CQHttpSocketEngine::HSES_Idle; }, KDeadlineMs));
+    };
+
+    ASSERT_EQ(1, quiet->DoSendOLFile(unit, false));
+    expectBlock(OLRequest(KOLKey, KOLHost, file.left(1000)));
+    server.Send("HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    expectBlock(OLRequest(KOLKey, KOLHost, file.mid(1000, 1000)));
+    server.Send("HTTP/1.1 200 OK\r\nRange: 2000\r\n\r\n");
+    expectBlock(OLRequest(KOLKey, KOLHost, file.mid(2000, 500)));
+    replyAndWaitForTheEnd("HTTP/1.1 200 OK\r\nRange: 2500\r\n\r\n");
+    EXPECT_EQ(2500u, quiet->GetOLFileServerSavedLength());
+
+    // A reply without a Range ends an upload as quietly.
+    MakeUpload(600, 1000);
+    ASSERT_EQ(1, quiet->DoSendOLFile(unit, false));
+    expectBlock(OLRequest(KOLKey, KOLHost, file));
+    replyAndWaitForTheEnd("HTTP/1.1 200 OK\r\n\r\n");
+    EXPECT_EQ(0u, quiet->GetOLFileServerSavedLength());
+
+    // And so does a file that shrank after its first block.
+    MakeUpload(3000, 1000);
+    ASSERT_EQ(1, quiet->DoSendOLFile(unit, false));
+    expectBlock(OLRequest(KOLKey, KOLHost, file.left(1000)));
+    ASSERT_TRUE(QFile::resize(m_files.File("upload.bin"), 1000));
+    replyAndWaitForTheEnd("HTTP/1.1 200 OK\r\nRange: 1000\r\n\r\n");
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(at, server.received.size());
+}
+
+// ---------------------------------------------------------------- proxy tunnel
+
+// A reply head of exactly size bytes: a 200 status line, padding fields, the blank line.
+QByteArray PaddedHead(int size)
+{
+    QByteArray head = "HTTP/1.1 200 Connection established\r\n";
+    const QByteArray field = "X-Pad: ";
+    head += field + QByteArray(size - head.size() - field.size() - 4, 'p') + "\r\n\r\n";
+    return head;
+}
+
+struct TunnelRow
+{
+    const char* name;
+    QByteArray reply;
+    int refusedWith;  // the status reported, or 0 for event 34
+};
+
+class TunnelReplyTest : public SocketEngineTest, public ::testing::WithParamInterface<TunnelRow>
+{
+protected:
+    // An https exchange to origin.example:443 through proxy; returns once
+    // the proxy holds the whole CONNECT request.
+    void StartThrough(LoopbackServer& proxy)
+    {
+        engine->SetSecure(true);
+        SetName(*engine, QByteArray("origin.example\0junk", 19));
+        engine->SetPort(443);
+        engine->SetTunnel("127.0.0.1", proxy.Port(), QByteArray());
+        ASSERT_EQ(1, engine->ConnectL());
+        ASSERT_TRUE(velatest::SpinUntil([&] { return proxy.received.endsWith("\r\n\r\n"); }, KDeadlineMs));
+        // The name ends at its zero byte.
+        EXPECT_EQ("CONNECT origin.example:443 HTTP/1.1\r\nHost: origin.example:443\r\n\r\n", proxy.received);
+    }
+};
+
+TEST_P(TunnelReplyTest, EndsTheExchangeAsItsStatusSays)
+{
+    LoopbackServer proxy;
+    StartThrough(proxy);
+    bool reported = false;
+    if (GetParam().refusedWith != 0)
+        EXPECT_CALL(observer, OnSocketEngine_TunnelRefused(GetParam().refusedWith)).WillOnce(Invoke([&](int) {
+            reported = true;
+        }));
+    else
+        EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { reported = true; }));
+    proxy.Send(GetParam().reply);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return reported; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+    EXPECT_FALSE(engine->IsBusy());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return proxy.disconnects == 1; }, KDeadlineMs));
+}
+
+const TunnelRow KTunnelRows[] = {
+    {"interim-100-then-407", "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 407 Proxy Authentication Required\r\n\r\n", 407},
+    {"interim-199-then-502", "HTTP/1.1 199 Odd\r\n\r\nHTTP/1.1 502 Bad Gateway\r\n\r\n", 502},
+    {"status-99-is-no-interim", "HTTP/1.1 099 Odd\r\n\r\n", 99},
+    {"status-300-is-refused", "HTTP/1.1 300 Multiple Choices\r\n\r\n", 300},
+    {"bytes-after-the-200-head", "HTTP/1.1 200 Connection established\r\n\r\nX", 0},
+    {"no-http-reply", "SSH-2.0-x\r\n", 0},
+    {"head-of-10240-bytes-then-a-byte", PaddedHead(10240) + "X", 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Replies, TunnelReplyTest, ::testing::ValuesIn(KTunnelRows),
+                         [](const ::testing::TestParamInfo<TunnelRow>& info) {
+                             std::string name = info.param.name;
+                             for (char& c : name)
+                                 if (c == '-')
+                                     c = '_';
+                             return name;
+                         });
+
+TEST_F(TunnelReplyTest, HeadOf10240BytesWithoutItsEndIsRefusedAs34)
+{
+    LoopbackServer proxy;
+    StartThrough(proxy);
+    // 10239 bytes of a head without its blank line: still waiting.
+    QByteArray head = "HTTP/1.1 200 OK\r\n";
+    while (head.size() < 10239 - 4)
+        head += "X: y\r\n";
+    head += QByteArray(10239 - head.size(), 'z');
+    ASSERT_EQ(10239, head.size());
+    proxy.Send(head);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return Peer::SecureSocket(*engine)->bytesAvailable() == 0; }, KDeadlineMs));
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Connecting, Status());
+    // One byte more, still no end: the limit.
+    bool failed = false;
+    EXPECT_CALL(observer, OnSocketEngine_SocketEvent(34, 0)).WillOnce(Invoke([&](int, int) { failed = true; }));
+    proxy.Send("z");
+    ASSERT_TRUE(velatest::SpinUntil([&] { return failed; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
+}
+
+TEST(SocketEngineNoObserverTest, TunnelRefusalIdlesWithoutAnObserver)
+{
+    LoopbackServer proxy;
+    std::unique_ptr<CQHttpSocketEngine> engine(CQHttpSocketEngine::NewL(nullptr, 0, 0));
+    ASSERT_NE(nullptr, engine);
+    engine->SetSecure(true);
+    SetName(*engine, "origin.example");
+    engine->SetPort(443);
+    engine->SetTunnel("127.0.0.1", proxy.Port(), QByteArray());
+    ASSERT_EQ(1, engine->ConnectL());
+    ASSERT_TRUE(velatest::SpinUntil([&] { return proxy.received.endsWith("\r\n\r\n"); }, KDeadlineMs));
+    proxy.Send("HTTP/1.1 403 Forbidden\r\n\r\n");
+    ASSERT_TRUE(velatest::SpinUntil([&] { return proxy.disconnects == 1; }, KDeadlineMs));
+    EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, engine->GetEngineStatus());
+}
+
+// ---------------------------------------------------------------- reply timer owner
+
+struct EngineDestroyer : public CQTimerObserver
+{
+    void OnTimerExpired(CQTimer*) override
+    {
+        ++count;
+        engine->reset();
+    }
+    std::unique_ptr<CQHttpSocketEngine>* engine = nullptr;
+    int count = 0;
+};
+
+TEST_F(SocketEngineTest, ReplyTimerObserverMayDestroyTheEngine)
+{
+    QPointer<CQHttpSocketEngine> watched(engine.get());
+    EngineDestroyer destroyer;
+    destroyer.engine = &engine;
+    engine->StartOLFileRecvTimer(&destroyer, 0);
+    ASSERT_TRUE(velatest::SpinUntil([&] { return destroyer.count == 1; }, KDeadlineMs));
+    EXPECT_TRUE(watched.isNull());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(1, destroyer.count);
 }
 
 }  // namespace

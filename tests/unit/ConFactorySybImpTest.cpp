@@ -80,6 +80,32 @@ TEST(ConFactorySybImpTest, TenConnectionsFillTheSlotsInOrder)
     EXPECT_EQ(factory.GetConnectionCount(), 10);
 }
 
+TEST(ConFactorySybImpTest, ConnectionAtOutsideTheTenSlotsIsNull)
+{
+    CConFactorySybImp factory;
+    ITcpCon* connection = factory.GetTcpCon();
+    ASSERT_EQ(factory.ConnectionAt(0), connection);
+    EXPECT_EQ(factory.ConnectionAt(-1), nullptr);
+    EXPECT_EQ(factory.ConnectionAt(CConFactorySybImp::KMaxConnections), nullptr);
+    EXPECT_EQ(factory.ConnectionAt(CConFactorySybImp::KMaxConnections - 1), nullptr);
+}
+
+TEST(ConFactorySybImpTest, ConnectionWithoutMemoryForItsEngineIsNotHandedOut)
+{
+    CConFactorySybImp factory;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    ITcpCon* connection = factory.GetTcpCon();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(connection, nullptr);
+    EXPECT_EQ(factory.GetConnectionCount(), 0);
+    EXPECT_EQ(factory.ConnectionAt(0), nullptr);
+    // With memory again, the first slot is still free.
+    ITcpCon* next = factory.GetTcpCon();
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(factory.ConnectionAt(0), next);
+    EXPECT_EQ(factory.GetConnectionCount(), 1);
+}
+
 TEST(ConFactorySybImpDeathTest, EleventhLiveConnectionIsFatal)
 {
     EXPECT_DEATH(

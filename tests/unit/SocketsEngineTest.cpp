@@ -10,6 +10,7 @@
 
 #include "src/IAPConnectEngine.h"
 
+#include "support/HeapWatch.h"
 #include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
@@ -791,6 +792,86 @@ TEST_F(SocketsEngineTest, OwnerMayDeleteTheEngineInsideTheSessionsClose)
 }
 
 #endif
+
+// ------------------------------------------------------------ more edges
+
+TEST(SocketsEngineAllocationTest, NewLAndNewLCAnswerNullWithoutMemory)
+{
+    StrictMock<MockUINotifier> notifier;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CSocketsEngine* made = CSocketsEngine::NewL(notifier, nullptr);
+    CSocketsEngine* madeToo = CSocketsEngine::NewLC(notifier, nullptr);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(madeToo, nullptr);
+    delete made;
+    delete madeToo;
+}
+
+TEST(SocketsEngineAllocationTest, NewLCMakesAnIdleEngine)
+{
+    StrictMock<MockUINotifier> notifier;
+    std::unique_ptr<CSocketsEngine> engine(CSocketsEngine::NewLC(notifier, nullptr));
+    ASSERT_NE(engine, nullptr);
+    EXPECT_EQ(engine->State(), ENotConnected);
+    EXPECT_TRUE(engine->IsReading());
+}
+
+TEST_F(SocketsEngineTest, LookupAnswerWithOnlyIPv6AddressesUsesTheFirst)
+{
+    m_engine->SetServerName("six.example");
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL();
+    const int id = m_engine->LookupId();
+    ASSERT_NE(id, CSocketsEngine::KNoLookup);
+    QHostInfo::abortHostLookup(id);
+    QHostInfo answer(id);
+    answer.setAddresses({QHostAddress("::1"), QHostAddress("::2")});
+    m_engine->OnGetIPAddress(answer);
+    EXPECT_EQ(m_engine->ServerName(), QString("::1"));
+    EXPECT_EQ(m_engine->LookupId(), CSocketsEngine::KNoLookup);
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    // Whatever ::1 answers on this machine, the connect is dropped silently.
+    m_engine->Disconnect();
+    velatest::ProcessPendingEvents();
+}
+
+TEST_F(SocketsEngineTest, ConnectAgainWhileTheLookedUpConnectRunsStartsItAfresh)
+{
+    m_engine->SetServerName("messaging.example");
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL();
+    const int id = m_engine->LookupId();
+    ASSERT_NE(id, CSocketsEngine::KNoLookup);
+    QHostInfo::abortHostLookup(id);
+    QHostInfo answer(id);
+    answer.setAddresses({QHostAddress("127.0.0.1")});
+    EXPECT_CALL(m_notifier, OnConnected()).Times(::testing::AtLeast(1));
+    m_engine->OnGetIPAddress(answer);
+    // Idle again while the socket is still busy with the first connect: a
+    // new connect aborts it without a report and connects once more.
+    ASSERT_EQ(m_engine->State(), ENotConnected);
+    ASSERT_NE(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    ASSERT_EQ(m_engine->StartConnect(), CSocketsEngine::KConnectStarted);
+    EXPECT_EQ(m_engine->State(), EConnecting);
+    ASSERT_TRUE(velatest::SpinUntil([this] { return m_engine->Connected(); }, KDeadlineMs));
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::ConnectedState);
+}
+
+TEST_F(SocketsEngineTest, CancelWhileTheSocketLooksTheNameUpAbortsIt)
+{
+    // ConnectL(address) hands a name to the socket as it stands.
+    m_engine->SetPort(m_server.Port());
+    m_engine->ConnectL(QStringLiteral("socket-lookup.invalid"));
+    ASSERT_EQ(m_engine->State(), EConnecting);
+    ASSERT_EQ(m_engine->SocketState(), QAbstractSocket::HostLookupState);
+    m_engine->DoCancel();
+    EXPECT_EQ(m_engine->State(), ENotConnected);
+    EXPECT_EQ(m_engine->SocketState(), QAbstractSocket::UnconnectedState);
+    EXPECT_FALSE(m_engine->IsConnectTimeOutRunning());
+    velatest::ProcessPendingEvents();
+    EXPECT_EQ(m_server.Count(), 0);
+}
 
 }  // namespace
 

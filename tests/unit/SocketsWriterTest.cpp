@@ -10,6 +10,7 @@
 #include "src/SocketsEngine.h"
 #include "src/internal/SocketsWriterStatus_p.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QByteArray>
@@ -105,6 +106,19 @@ TEST_F(SocketsWriterTest, EmptyArrayDoesNothing)
     EXPECT_TRUE(m_socket.m_writes.isEmpty());
     EXPECT_EQ(m_writer.QueuedCount(), 0);
     EXPECT_EQ(m_writer.WriteStatus(), CSocketsWriter::KWriteIdle);
+}
+
+TEST_F(SocketsWriterTest, ArrayThatCannotBeQueuedIsDropped)
+{
+    velatest::HeapWatch::FailNothrowAfter(0);
+    m_writer.IssueWriteL("lost");
+    velatest::HeapWatch::StopFailing();
+    EXPECT_TRUE(m_socket.m_writes.isEmpty());
+    EXPECT_EQ(m_writer.QueuedCount(), 0);
+    EXPECT_EQ(m_writer.WriteStatus(), CSocketsWriter::KWriteIdle);
+    // The next array goes out alone.
+    m_writer.IssueWriteL("next");
+    EXPECT_THAT(m_socket.m_writes, ElementsAre(QByteArray("next")));
 }
 
 TEST_F(SocketsWriterTest, UnwritableSocketKeepsTheQueueAndStaysIdle)

@@ -7,6 +7,7 @@
 
 #include "src/SocketsEngine.h"
 
+#include "support/HeapWatch.h"
 #include "support/LoopbackServer.h"
 #include "support/TestSupport.h"
 
@@ -94,6 +95,32 @@ TEST(TcpConnectionSetupTest, WithoutInitConnectionNothingStartsAndNothingBreaks)
     connection.Close();
     connection.OnRecv(data, 2);
     connection.OnClose(2);
+}
+
+TEST(TcpConnectionSetupTest, InitConnectionWithoutMemoryIsRefusedAndLeavesNoEngine)
+{
+    CTcpConnection connection;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = connection.InitConnection(nullptr);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(result, CTcpConnection::KRefused);
+    EXPECT_EQ(connection.SocketsEngine(), nullptr);
+    std::vector<char> address = Text("127.0.0.1");
+    EXPECT_EQ(connection.Connect(address.data(), 14000), 0);
+}
+
+TEST(TcpConnectionSetupTest, SecondInitConnectionReplacesAndFreesTheEngine)
+{
+    CTcpConnection connection;
+    ASSERT_EQ(connection.InitConnection(nullptr), CTcpConnection::KDone);
+    CSocketsEngine* first = connection.SocketsEngine();
+    velatest::HeapWatch::Clear();
+    velatest::HeapWatch::Watch(first);
+    ASSERT_EQ(connection.InitConnection(nullptr), CTcpConnection::KDone);
+    EXPECT_TRUE(velatest::HeapWatch::Freed(first));
+    ASSERT_NE(connection.SocketsEngine(), nullptr);
+    EXPECT_EQ(connection.SocketsEngine()->State(), ENotConnected);
+    velatest::HeapWatch::Clear();
 }
 
 // ------------------------------------------------------------ addresses
