@@ -356,6 +356,22 @@ TEST(GzipHeaderTest, NegativeLengthOrNullBufferReadsNothing)
     EXPECT_EQ(header.m_enState, CGzipHeader::GHS_Id1);
 }
 
+TEST(GzipHeaderTest, WithoutABodyPointerOnlyTheResultTellsTheEnd)
+{
+    // Ended inside the input (name and a body byte after it) and ended with
+    // the input (fixed part only): both complete with nowhere to write.
+    const BuiltHeader named = BuildHeader(KFName, "", "abc");
+    const std::string input = named.bytes + KBody;
+    CGzipHeader inside;
+    EXPECT_EQ(inside.ReadMore(input.data(), static_cast<int>(input.size()), nullptr), CGzipHeader::KHeaderComplete);
+    EXPECT_EQ(inside.m_enState, CGzipHeader::GHS_Done);
+
+    const BuiltHeader plain = BuildHeader(0);
+    CGzipHeader atEnd;
+    EXPECT_EQ(atEnd.ReadMore(plain.bytes.data(), 10, nullptr), CGzipHeader::KHeaderComplete);
+    EXPECT_EQ(atEnd.m_enState, CGzipHeader::GHS_Done);
+}
+
 TEST(GzipHeaderTest, ReadMoreTakesCharAndUnsignedCharBuffers)
 {
     // 10 fixed bytes and the name "abc" with its zero: the body starts at 14.

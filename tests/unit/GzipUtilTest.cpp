@@ -1006,6 +1006,20 @@ TEST(GzipUtilTest, NoInputWhileTheHeaderIsReadFailsTheDecoder)
     EXPECT_EQ(util.iDecodeStatus, TGzipUtil::DS_Failed);
 }
 
+TEST(GzipUtilTest, AnEmptyPieceWhileTheHeaderIsReadFailsTheDecoderToo)
+{
+    // A buffer with no bytes in it is no more input than a null one.
+    TGzipUtil util(FM_Gzip, FM_Gzip);
+    ASSERT_EQ(util.SetDecodeMode(FM_Gzip), TGzipUtil::KDone);
+    char byte = '\x1f';
+    int inLen = 0;
+    char out[KPiece];
+    int outLen = KPiece;
+    EXPECT_EQ(util.Decompress(&byte, inLen, out, outLen), TGzipUtil::FR_Error);
+    EXPECT_EQ(outLen, 0);
+    EXPECT_EQ(util.iDecodeStatus, TGzipUtil::DS_Failed);
+}
+
 TEST(GzipUtilTest, NoInputAfterTheHeaderAsksForMore)
 {
     const std::string text = ShortText();
@@ -1264,6 +1278,21 @@ TEST(GzipUtilTest, CompressAllRefusesBadArguments)
     outLen = 64;
     EXPECT_EQ(util.CompressAll("abc", 3, out, outLen), TGzipUtil::KDone);
     EXPECT_EQ(Inflate(std::string(out, static_cast<size_t>(outLen)), MAX_WBITS), "abc");
+}
+
+TEST(GzipUtilTest, CompressAllOfANullBufferOfLengthZeroIsTheEmptyMember)
+{
+    TGzipUtil util(FM_Deflate, FM_Gzip);
+    ASSERT_EQ(util.SetEncodeMode(FM_Gzip), TGzipUtil::KDone);
+    char out[64];
+    int outLen = 64;
+    ASSERT_EQ(util.CompressAll(nullptr, 0, out, outLen), TGzipUtil::KDone);
+    const std::string member(out, static_cast<size_t>(outLen));
+    ASSERT_GT(member.size(), 18u);
+    EXPECT_EQ(member.substr(0, 10), std::string("\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\xff", 10));
+    // CRC-32 and length of no bytes.
+    EXPECT_EQ(member.substr(member.size() - 8), std::string(8, '\0'));
+    EXPECT_EQ(Inflate(member, 31), "");
 }
 
 // ------------------------------------------------------ stream ownership

@@ -3,6 +3,7 @@
 
 #include "src/internal/ProxyTunnel_p.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QList>
@@ -10,7 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -66,6 +70,15 @@ TEST(ConnectRequestBytes, LengthBoundsTheHost)
                          "Host: srv:1\r\n"
                          "\r\n"),
               ConnectRequest("srv.test", 3, 1, QByteArray()));
+}
+
+TEST(ConnectRequestBytes, NoHostOrANegativeLengthGivesAnEmptyHost)
+{
+    const QByteArray expected("CONNECT :443 HTTP/1.1\r\n"
+                              "Host: :443\r\n"
+                              "\r\n");
+    EXPECT_EQ(expected, ConnectRequest(nullptr, 8, 443, QByteArray()));
+    EXPECT_EQ(expected, ConnectRequest("srv.test", -1, 443, QByteArray()));
 }
 
 // ------------------------------------------------------------ reply head
@@ -186,6 +199,11 @@ const ReplyRow kReplyRows[] = {
     {"four-digit-status", "HTTP/1.1 2000 OK\r\n\r\n", KConnectReplyMalformed, 0},
     {"status-not-digits", "HTTP/1.1 2x0 OK\r\n\r\n", KConnectReplyMalformed, 0},
     {"blank-first-line", "\r\n\r\n", KConnectReplyMalformed, 0},
+    {"version-only", "HTTP/1.1\r\n\r\n", KConnectReplyMalformed, 0},
+    {"version-glued-to-status", "HTTP/1.1x200 OK\r\n\r\n", KConnectReplyMalformed, 0},
+    {"status-cut-short", "HTTP/1.1 20\r\n\r\n", KConnectReplyMalformed, 0},
+    // RFC 9112, section 2.2: a bare CR may be read as SP.
+    {"bare-cr-after-status-read-as-sp", "HTTP/1.1 200\r\r\n\r\n", 17, 200},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, ConnectReply, ::testing::ValuesIn(kReplyRows),
@@ -223,6 +241,56 @@ TEST(ProxyAuthorizationLine, NeedsARequestLine)
                                                 request.size(), "Basic dTpw", len));
     EXPECT_EQ(nullptr, InsertProxyAuthorization(nullptr, 4, "Basic dTpw", len));
     EXPECT_EQ(-3, len);
+}
+
+TEST(ProxyAuthorizationLine, AnEmptyRequestIsRefused)
+{
+    const unsigned char request[] = "GET / HTTP/1.1\r\n";
+    int len = -3;
+    EXPECT_EQ(nullptr, InsertProxyAuthorization(request, 0, "Basic dTpw", len));
+    EXPECT_EQ(-3, len);
+}
+
+TEST(ProxyAuthorizationLine, EmptyCredentialsAfterALoneRequestLine)
+{
+    // Nothing after the request line, nothing in the field value: the
+    // field line still goes in whole.
+    const QByteArray request("GET / HTTP/1.1\n");
+    int len = 0;
+    const std::unique_ptr<unsigned char[]> out(InsertProxyAuthorization(
+        reinterpret_cast<const unsigned char*>(request.constData()), request.size(), QByteArray(), len));
+    ASSERT_TRUE(out);
+    EXPECT_EQ(velatest::Visible(QByteArray("GET / HTTP/1.1\nProxy-Authorization: \r\n")),
+              velatest::Visible(out.get(), len));
+}
+
+TEST(ProxyAuthorizationLine, WithoutMemoryForTheCopyIsRefused)
+{
+    const QByteArray request("GET http://a.test/ HTTP/1.1\r\n\r\n");
+    int len = -3;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    unsigned char* out = InsertProxyAuthorization(reinterpret_cast<const unsigned char*>(request.constData()),
+                                                  request.size(), "Basic dTpw", len);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(-3, len);
+    delete[] out;
+}
+
+TEST(ProxyAuthorizationLine, ARequestThatWouldPassIntMaxIsRefused)
+{
+    // A request of INT_MAX - 10 bytes leaves no room for the field. The
+    // pages are reserved, not touched: only the request line is written.
+    const size_t size = static_cast<size_t>(INT_MAX) - 10;
+    void* block = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(MAP_FAILED, block);
+    const char line[] = "GET / HTTP/1.1\r\n";
+    std::memcpy(block, line, sizeof line - 1);
+    int len = -3;
+    EXPECT_EQ(nullptr, InsertProxyAuthorization(static_cast<const unsigned char*>(block), static_cast<int>(size),
+                                                "Basic dTpw", len));
+    EXPECT_EQ(-3, len);
+    ::munmap(block, size);
 }
 
 }  // namespace

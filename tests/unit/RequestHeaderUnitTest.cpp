@@ -207,6 +207,20 @@ TEST(CQPostOLFileHeaderUnit, SetKeyRefusesNullAndNegativeLengths)
     EXPECT_EQ(nullptr, unit.m_pKey);
 }
 
+TEST(CQPostOLFileHeaderUnit, SetKeyWithoutMemoryForTheCopyIsRefusedAndDropsTheOldKey)
+{
+    CQPostOLFileHeaderUnit unit;
+    ASSERT_EQ(CQPostOLFileHeaderUnit::KKeySet, unit.SetKey("old", 3));
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = unit.SetKey("abc", 3);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(CQPostOLFileHeaderUnit::KKeyRefused, result);
+    EXPECT_EQ(nullptr, unit.m_pKey);
+    // Memory back: the same key is taken.
+    ASSERT_EQ(CQPostOLFileHeaderUnit::KKeySet, unit.SetKey("abc", 3));
+    EXPECT_STREQ("abc", unit.m_pKey);
+}
+
 TEST(CQPostOLFileHeaderUnit, ClearFreesTheKeyAndKeepsTheBlockSize)
 {
     CQPostOLFileHeaderUnit unit;
