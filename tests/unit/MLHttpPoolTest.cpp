@@ -293,6 +293,7 @@ TEST(MLHttpPoolTest, PoolWithoutEnginesRefusesEveryRequest)
         std::unique_ptr<CMLHttpPool> pool(CMLHttpPool::NewL(nullptr, nullptr, count));
         EXPECT_EQ(0, pool->GetEngineCount()) << count;
         EXPECT_EQ(nullptr, pool->FindIdeEngine()) << count;
+        EXPECT_EQ(nullptr, pool->GetEngine(0)) << count;
         EXPECT_EQ(0, pool->DoGet(CQSString("http://127.0.0.1:1/"), KIdDownload, nullptr)) << count;
         EXPECT_EQ(KKindNone, pool->GetCurMethod()) << count;
         EXPECT_EQ(nullptr, pool->GetCurPostData()) << count;
@@ -300,6 +301,31 @@ TEST(MLHttpPoolTest, PoolWithoutEnginesRefusesEveryRequest)
         pool->EnableCookie(nullptr);
         pool->DisableCookie();
     }
+}
+
+TEST(MLHttpPoolTest, APoolWithoutMemoryForItsEngineArrayHasNoEngines)
+{
+    velatest::HeapWatch::FailNothrowAfter(0);
+    std::unique_ptr<CMLHttpPool> pool(CMLHttpPool::NewL(nullptr, nullptr, 3));
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, pool->GetEngineCount());
+    EXPECT_EQ(nullptr, pool->GetEngine(0));
+    EXPECT_EQ(nullptr, pool->FindIdeEngine());
+    EXPECT_EQ(0, pool->DoGet(CQSString("http://127.0.0.1:1/"), KIdDownload, nullptr));
+    // With memory back, a second construction still makes none: the count went to 0.
+    pool->ConstructL(nullptr);
+    EXPECT_EQ(0, pool->GetEngineCount());
+}
+
+TEST(MLHttpPoolTest, ConstructLAgainKeepsTheEnginesItHas)
+{
+    std::unique_ptr<CMLHttpPool> pool(CMLHttpPool::NewL(nullptr, nullptr, 2));
+    CMLHttpEngine* first = pool->GetEngine(0);
+    CMLHttpEngine* second = pool->GetEngine(1);
+    pool->ConstructL(nullptr);
+    EXPECT_EQ(2, pool->GetEngineCount());
+    EXPECT_EQ(first, pool->GetEngine(0));
+    EXPECT_EQ(second, pool->GetEngine(1));
 }
 
 // ============================================================ requests refused
@@ -714,6 +740,23 @@ TEST(MLHttpPoolTest, SaveCookiesParsesEveryLineInListOrder)
     // The later line of the same name wins; a domain attribute is taken as given.
     EXPECT_EQ("second", StoredCookie(holder, "h.example", "k"));
     EXPECT_EQ("1", StoredCookie(holder, "other.example", "z"));
+}
+
+TEST(MLHttpPoolTest, SaveCookiesSkipsNullLines)
+{
+    QCookieHolder holder;
+    std::unique_ptr<CMLHttpPool> pool(CMLHttpPool::NewL(nullptr, nullptr, 1));
+    pool->EnableCookie(&holder);
+    CQList<CQSString*> lines;
+    CQSString first("a=1");
+    CQSString last("b=2");
+    ASSERT_TRUE(lines.AddTail(&first));
+    ASSERT_TRUE(lines.AddTail(nullptr));
+    ASSERT_TRUE(lines.AddTail(&last));
+    pool->SaveCookies(CQSString("http://h.example/p"), lines);
+    lines.RemoveAll();
+    EXPECT_EQ("1", StoredCookie(holder, "h.example", "a"));
+    EXPECT_EQ("2", StoredCookie(holder, "h.example", "b"));
 }
 
 TEST(MLHttpPoolTest, HeaderCookiesAreSavedAfterTheReportUnderTheRecordsUrl)
