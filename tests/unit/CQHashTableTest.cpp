@@ -4,6 +4,8 @@
 
 #include "BaseClass/src/CQHashTable.h"
 
+#include "support/HeapWatch.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -480,6 +482,109 @@ TEST(CQHashTableTest, EntriesHaveOneTypeForEveryTable)
     EXPECT_TRUE(entry->wideKey.IsEmpty());
     EXPECT_EQ(static_cast<Tracked*>(entry->value), value);
     EXPECT_EQ(entry->next, nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Equal codes, and memory that runs out.
+
+TEST(CQHashTableTest, KeysWithTheSameCodeAreToldApartByTheirBytes)
+{
+    // Found by searching "k0", "k1"... with the reference hash.
+    const std::string first = "k9426";
+    const std::string second = "k130405";
+    ASSERT_EQ(Reference(first), Reference(second));
+    ASSERT_EQ(Table::GetHashCode(Key(first)), Table::GetHashCode(Key(second)));
+
+    std::vector<int> log;
+    Table table;
+    Tracked* a = new Tracked(1, &log);
+    Tracked* b = new Tracked(2, &log);
+    table.put(Key(first), a);
+    EXPECT_EQ(table.get(Key(second)), nullptr);
+    table.put(Key(second), b);
+    EXPECT_EQ(table.GetCount(), 2);
+    EXPECT_EQ(table.get(Key(first)), a);
+    EXPECT_EQ(table.get(Key(second)), b);
+    // Replacing one leaves the other.
+    Tracked* c = new Tracked(3, &log);
+    table.put(Key(first), c);
+    EXPECT_EQ(log, std::vector<int>({1}));
+    EXPECT_EQ(table.get(Key(first)), c);
+    EXPECT_EQ(table.get(Key(second)), b);
+    EXPECT_EQ(table.GetCount(), 2);
+}
+
+// Each allocation of a put fails in turn (the entry, its copy of the key):
+// nothing is stored and the value stays the caller's.
+TEST(CQHashTableTest, PutThatRunsOutOfMemoryStoresNothingAndLeavesTheValue)
+{
+    std::vector<int> log;
+    Table table;
+    Tracked* kept = new Tracked(1, &log);
+    table.put(CQSString("kept"), kept);
+    int skip = 0;
+    for (; skip < 8; ++skip)
+    {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        const CQSString key("new-key");
+        Tracked* value = new Tracked(2, &log);
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        table.put(key, value);
+        velatest::HeapWatch::StopFailing();
+        if (table.GetCount() == 2)
+        {
+            EXPECT_EQ(table.get(key), value);
+            break;
+        }
+        EXPECT_EQ(table.get(key), nullptr);
+        EXPECT_EQ(table.get(CQSString("kept")), kept);
+        EXPECT_TRUE(log.empty());
+        delete value;
+        log.clear();
+    }
+    EXPECT_EQ(skip, 2);
+}
+
+TEST(CQHashTableTest, GetallThatRunsOutOfMemoryAnswersNull)
+{
+    std::vector<int> log;
+    Table table;
+    Tracked* value = new Tracked(1, &log);
+    table.put(CQSString("a"), value);
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Tracked** all = table.getall();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(all, nullptr);
+    EXPECT_EQ(table.GetCount(), 1);
+    EXPECT_EQ(Snapshot(table), std::vector<Tracked*>({value}));
+}
+
+TEST(CQHashTableTest, TableWhoseBucketsCannotBeAllocatedIsUnusableUntilInitHashTable)
+{
+    std::vector<int> log;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Table table;
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(table.m_pBuckets, nullptr);
+
+    Tracked ignored(1, &log);
+    table.put(CQSString("a"), &ignored);
+    EXPECT_EQ(table.GetCount(), 0);
+    EXPECT_EQ(table.get(CQSString("a")), nullptr);
+    EXPECT_TRUE(Snapshot(table).empty());
+
+    // Still no memory: InitHashTable leaves it unusable.
+    velatest::HeapWatch::FailNothrowAfter(0);
+    table.InitHashTable();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(table.m_pBuckets, nullptr);
+
+    table.InitHashTable();
+    ASSERT_NE(table.m_pBuckets, nullptr);
+    Tracked* stored = new Tracked(2, &log);
+    table.put(CQSString("a"), stored);
+    EXPECT_EQ(table.get(CQSString("a")), stored);
+    EXPECT_TRUE(log.empty());
 }
 
 }  // namespace
