@@ -4,6 +4,8 @@
 
 #include "BaseClass/src/CQList.h"
 
+#include "support/HeapWatch.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -473,6 +475,49 @@ TEST(CQPlexTest, CreateRefusesAnImpossibleSizeAndLeavesTheChain)
     chain->FreeDataChain();
 }
 
+TEST(CQPlexTest, CreateWithoutAChainGivesNothing)
+{
+    EXPECT_EQ(CQPlex::Create(nullptr, 1, 16), nullptr);
+}
+
+TEST(CQPlexTest, CreateOfZeroSizedElementsGivesAHeaderOnly)
+{
+    CQPlex* chain = nullptr;
+    CQPlex* block = CQPlex::Create(&chain, 5, 0);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(chain, block);
+    EXPECT_EQ(block->data(), static_cast<void*>(block + 1));
+    chain->FreeDataChain();
+}
+
+TEST(CQPlexTest, CreateThatRunsOutOfMemoryLeavesTheChain)
+{
+    CQPlex* chain = nullptr;
+    CQPlex* kept = CQPlex::Create(&chain, 1, 16);
+    ASSERT_NE(kept, nullptr);
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CQPlex* block = CQPlex::Create(&chain, 1, 16);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(block, nullptr);
+    EXPECT_EQ(chain, kept);
+    EXPECT_EQ(kept->pNext, nullptr);
+    chain->FreeDataChain();
+}
+
+TEST(CQListTest, AddTailThatRunsOutOfMemoryAddsNothing)
+{
+    PtrList list(2);
+    Fill(list, 2);  // the first block is used up
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Node* node = list.AddTail(&g_items[2]);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(node, nullptr);
+    EXPECT_EQ(Contents(list), Items({0, 1}));
+    EXPECT_EQ(BlockCount(list.m_pBlocks), 1);
+    ASSERT_NE(list.AddTail(&g_items[2]), nullptr);
+    EXPECT_EQ(Contents(list), Items({0, 1, 2}));
+}
+
 // An element so large that a block of UINT_MAX of them cannot exist: with a
 // block size of -1 the node supply fails and nothing is counted or linked.
 struct Huge
@@ -583,6 +628,71 @@ TEST(CQListDeathTest, NegativeCountAfterReleaseIsFatal)
             list.RemoveHead();
         },
         "ASSERT: \"m_nCount >= 0\" in file BaseClass/src/CQList, line 448");
+}
+
+TEST(CQListDeathTest, GetNextPastTheTailIsFatal)
+{
+    EXPECT_DEATH(
+        {
+            PtrList list;
+            Node* pos = list.GetHeadPosition();
+            list.GetNext(pos);
+        },
+        "ASSERT: \"pNode != NULL\" in file BaseClass/src/CQList");
+    EXPECT_DEATH(
+        {
+            PtrList list;
+            list.AddTail(&g_items[0]);
+            const PtrList& readOnly = list;
+            POSITION pos = readOnly.GetHeadPosition();
+            readOnly.GetNext(pos);
+            readOnly.GetNext(pos);
+        },
+        "ASSERT: \"pNode != NULL\" in file BaseClass/src/CQList");
+}
+
+TEST(CQListDeathTest, GetAtOfNoPositionIsFatal)
+{
+    EXPECT_DEATH(
+        {
+            PtrList list;
+            list.GetAt(static_cast<Node*>(nullptr));
+        },
+        "ASSERT: \"pos != NULL\" in file BaseClass/src/CQList");
+    EXPECT_DEATH(
+        {
+            const PtrList list;
+            list.GetAt(static_cast<POSITION>(nullptr));
+        },
+        "ASSERT: \"pos != NULL\" in file BaseClass/src/CQList");
+}
+
+TEST(CQListDeathTest, HeadOrTailOfAnEmptyListIsFatal)
+{
+    EXPECT_DEATH(
+        {
+            PtrList list;
+            list.GetHead();
+        },
+        "ASSERT: \"m_pNodeHead != NULL\" in file BaseClass/src/CQList");
+    EXPECT_DEATH(
+        {
+            const PtrList list;
+            list.GetHead();
+        },
+        "ASSERT: \"m_pNodeHead != NULL\" in file BaseClass/src/CQList");
+    EXPECT_DEATH(
+        {
+            PtrList list;
+            list.GetTail();
+        },
+        "ASSERT: \"m_pNodeTail != NULL\" in file BaseClass/src/CQList");
+    EXPECT_DEATH(
+        {
+            const PtrList list;
+            list.GetTail();
+        },
+        "ASSERT: \"m_pNodeTail != NULL\" in file BaseClass/src/CQList");
 }
 
 }  // namespace
