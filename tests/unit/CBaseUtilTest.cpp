@@ -1,6 +1,7 @@
 #include "BaseClass/src/CBaseUtil.h"
 
 #include "BaseClass/src/CQString.h"
+#include "support/HeapWatch.h"
 
 #include <gtest/gtest.h>
 
@@ -247,4 +248,25 @@ TEST(CBaseUtil, FormatStringNullFormatIsAnError)
     CQSString out("kept");
     EXPECT_LT(CBaseUtil::FormatString(out, noFormat, 1), 0);
     EXPECT_STREQ("kept", out.GetDataPtr());
+}
+
+// Each allocation fails in turn (the formatted text, then the copy into
+// out): the call reports an error and out keeps its old text.
+TEST(CBaseUtil, FormatStringThatRunsOutOfMemoryLeavesOutUnchanged)
+{
+    CQSString out("kept");
+    int skip = 0;
+    for (; skip < 8; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = CBaseUtil::FormatString(out, "%s-%d", "a longer text than the old one", 42);
+        velatest::HeapWatch::StopFailing();
+        if (result >= 0) {
+            EXPECT_EQ(33, result);
+            EXPECT_STREQ("a longer text than the old one-42", out.GetDataPtr());
+            break;
+        }
+        EXPECT_STREQ("kept", out.GetDataPtr());
+    }
+    EXPECT_EQ(2, skip);
 }
