@@ -1,5 +1,7 @@
 #include "BaseClass/src/CMLDataBuf.h"
 
+#include "support/HeapWatch.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -223,4 +225,18 @@ TEST(CMLDataBuf, MoveDataToHeadOnEmptyBufferIsHarmless)
     ASSERT_NE(0, buf.Create(4));
     buf.MoveDataToHead(3);
     EXPECT_EQ(0u, buf.GetUsedSize());
+}
+
+TEST(CMLDataBuf, CreateThatRunsOutOfMemoryKeepsTheOldBuffer)
+{
+    CMLDataBuf buf;
+    Fill(buf, "abc");
+    const unsigned char* old = buf.GetBuf();
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int created = buf.Create(100);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, created);
+    EXPECT_EQ(old, buf.GetBuf());
+    EXPECT_EQ(10u, buf.GetCapacity());
+    EXPECT_EQ("abc", Content(buf));
 }
