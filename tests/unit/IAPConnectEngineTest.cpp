@@ -9,6 +9,7 @@
 #include "BaseClass/src/CQString.h"
 #include "src/internal/IAPConfigurations_p.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QAbstractEventDispatcher>
@@ -154,6 +155,15 @@ TEST_F(IAPConnectEngineTest, NewerEngineTakesTheEntryAndSurvivesTheOlderOnesDest
     EXPECT_EQ(static_cast<void*>(newer.get()), Registered());
     newer.reset();
     EXPECT_EQ(nullptr, Registered());
+}
+
+TEST_F(IAPConnectEngineTest, NewLWithoutMemoryGivesNullAndLeavesTheEntry)
+{
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CIAPConnectEngine* none = CIAPConnectEngine::NewL(QStringLiteral("other"));
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, none);
+    EXPECT_EQ(engine.get(), Registered());
 }
 
 TEST_F(IAPConnectEngineTest, DestructionLeavesAnotherObjectsEntryAlone)
@@ -1009,6 +1019,55 @@ TEST_F(BearerEventTest, ThePlatformsSignalReachesTheObservers)
     QT_WARNING_POP
 #endif
     engine->RemoveConnectStateObserver(&a);
+}
+
+// The watch goes with its parent or when deleted; the next use makes a new
+// one, and engines made from then on hear it.
+TEST_F(BearerEventTest, AWatchThatIsGoneIsMadeAgainOnNextUse)
+{
+    QPointer<velanet::NetworkWatch> old = velanet::NetworkWatch::Instance();
+    ASSERT_FALSE(old.isNull());
+    delete old.data();
+    velanet::NetworkWatch* fresh = velanet::NetworkWatch::Instance();
+    ASSERT_NE(nullptr, fresh);
+    EXPECT_EQ(QCoreApplication::instance(), fresh->parent());
+
+    std::unique_ptr<CIAPConnectEngine> hearing(CIAPConnectEngine::NewL(QStringLiteral("wifi")));
+    ASSERT_NE(nullptr, hearing);
+    StrictMock<MockIapObserver> a;
+    hearing->AddConnectStateObserver(&a);
+    EXPECT_CALL(a, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    hearing->RemoveConnectStateObserver(&a);
+}
+
+// No memory for the watch: Instance() is null, and an engine made then
+// hears no news, while one made once memory is back does.
+TEST_F(BearerEventTest, EngineMadeWhenTheWatchCannotBeMadeHearsNothing)
+{
+    delete velanet::NetworkWatch::Instance();
+    velatest::HeapWatch::FailNothrowAfter(0);
+    velanet::NetworkWatch* none = velanet::NetworkWatch::Instance();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, none);
+
+    // The engine's own allocation goes through; the watch's, next, fails.
+    velatest::HeapWatch::FailNothrowAfter(1);
+    std::unique_ptr<CIAPConnectEngine> deaf(CIAPConnectEngine::NewL(QStringLiteral("deaf")));
+    velatest::HeapWatch::StopFailing();
+    ASSERT_NE(nullptr, deaf);
+    std::unique_ptr<CIAPConnectEngine> hearing(CIAPConnectEngine::NewL(QStringLiteral("hearing")));
+    ASSERT_NE(nullptr, hearing);
+
+    StrictMock<MockIapObserver> notCalled, called;
+    deaf->AddConnectStateObserver(&notCalled);
+    hearing->AddConnectStateObserver(&called);
+    EXPECT_CALL(called, OnIapTransferBlocked());
+    Feed(Reach::Disconnected, Medium::Unknown);
+    Announce();
+    deaf->RemoveConnectStateObserver(&notCalled);
+    hearing->RemoveConnectStateObserver(&called);
 }
 
 }  // namespace
