@@ -236,6 +236,17 @@ TEST(ApnDialogGuiTest, ItemClickedCalledDirectlyReportsTheItemsTextAndCloses)
     EXPECT_TRUE(velatest::SpinUntil([&] { return !dialog.isVisible(); }, KDeadlineMs));
 }
 
+TEST(ApnDialogGuiTest, ItemClickedWithoutAnItemReportsNothingAndStaysOpen)
+{
+    StrictMock<MockSelectIAPObserver> observer;
+    QVector<QString> names{"cmnet"};
+    CApnDialog dialog(names, &observer);
+    ASSERT_TRUE(ShowAndWait(dialog));
+    dialog.listview_itemClicked(nullptr);
+    velatest::ProcessPendingEvents();
+    EXPECT_TRUE(dialog.isVisible());
+}
+
 TEST(ApnDialogGuiTest, ClickingEachRowReportsThatRow)
 {
     const QVector<QString> names{"first", "second", "third"};
