@@ -1309,6 +1309,7 @@ const DelimRow kDelimRows[] = {
     {"start-one-past-second-from", "[1][2]", "[", "]", 4, false, false, -1, ""},
     {"start-at-length", "[1]", "[", "]", 3, false, false, -1, ""},
     {"start-past-length", "[1]", "[", "]", 4, false, false, -1, ""},
+    {"start-negative", "[1]", "[", "]", -1, false, false, -1, ""},
     // The search for `to` begins after `from`, not inside it.
     {"to-searched-after-from", "abxb", "ab", "b", 0, false, false, 2, "x"},
     {"same-delimiter", "|x|y|", "|", "|", 0, false, false, 1, "x"},
