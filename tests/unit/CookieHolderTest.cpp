@@ -2,6 +2,7 @@
 
 #include "BaseClass/src/CQFile.h"
 #include "src/internal/CookieFile_p.h"
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <QByteArray>
@@ -16,6 +17,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -1396,4 +1398,201 @@ TEST_F(CookieHolderTest, ReadOnlyNamesForTheStoreCalls)
     const CQSString fileName("zorb@d.org.txt");
     holder.SaveItem(&fileName, &cookie);
     EXPECT_EQ(Record("n", "v", "d.org", 7), Contents(CookieFile("zorb@d.org.txt")));
+}
+
+// ---- failures ---------------------------------------------------------------
+
+// A device that takes no byte: a record fails at the first line that cannot
+// be written, whether it goes out at once or overflows the write cache.
+TEST(CookieFileWriterTest, ARecordFailsAtTheLineThatCannotBeWritten)
+{
+    if (!QFileInfo::exists(QStringLiteral("/dev/full")))
+        GTEST_SKIP() << "no /dev/full";
+    const CQSString name("n");
+    const CQSString value("v");
+    const CQSString domain("d");
+    // Each line is three bytes with its CR LF: the cache takes none, one,
+    // two or three of the four lines.
+    for (const int cacheBytes : {0, 3, 6, 9}) {
+        CQFile file;
+        ASSERT_NE(0, file.OpenWithWriteCache(L"/dev/full", CQFile::KModeWrite, cacheBytes));
+        EXPECT_FALSE(velanet::WriteCookieRecord(file, name, value, domain, 5)) << cacheBytes;
+        file.Close();
+    }
+    // The whole record fits the cache: accepted, and closing reports the loss.
+    CQFile file;
+    ASSERT_NE(0, file.OpenWithWriteCache(L"/dev/full", CQFile::KModeWrite, 12));
+    EXPECT_TRUE(velanet::WriteCookieRecord(file, name, value, domain, 5));
+    EXPECT_EQ(0, file.Close());
+}
+
+TEST_F(CookieHolderTest, AFullDiskKeepsTheOldFile)
+{
+    if (!QFileInfo::exists(QStringLiteral("/dev/full")))
+        GTEST_SKIP() << "no /dev/full";
+    QCookieHolder holder;
+    holder.ConstructL(Base());
+    const QByteArray old = Record("old", "1", "a.org", KFuture);
+    ASSERT_TRUE(WriteFile(CookieFile("zorb@a.org.txt"), old));
+    ASSERT_EQ(1, Parse(holder, "//a.org/", "k=v"));
+    // Small records stay in the write cache until the file is closed; a
+    // value longer than the cache fails while the records are written.
+    for (const std::string& text : {std::string("k=w"), "big=" + std::string(600, 'x')}) {
+        SCOPED_TRACE(text.substr(0, 4));
+        // The temporary file is a link to a device that takes no byte.
+        ASSERT_TRUE(QFile::link(QStringLiteral("/dev/full"), CookieFile(".zorb@a.org.txt.tmp")));
+        ASSERT_EQ(1, Parse(holder, "//a.org/", text.c_str()));
+        holder.Save2File();
+        EXPECT_EQ(old, Contents(CookieFile("zorb@a.org.txt")));
+        EXPECT_EQ(QStringList{"zorb@a.org.txt"}, Listing());
+    }
+}
+
+TEST_F(CookieHolderTest, AFileThatCannotBeReadGivesNothing)
+{
+    QDir().mkpath(CookieDir());
+    CQFile file;
+    ASSERT_NE(0, file.Open(CQWString(CookieFile("w.txt")), CQFile::KModeWrite));
+    const QByteArray bytes = Record("k", "v", "r.org", KFuture);
+    ASSERT_EQ(static_cast<int>(bytes.size()), file.Write(bytes.constData(), static_cast<int>(bytes.size())));
+    QCookieHolder holder;
+    // Its length is known, but a file open for writing gives no byte.
+    EXPECT_EQ(0, holder.ReadFromfile(file));
+    EXPECT_EQ(0, holder.cookies.GetCount());
+    file.Close();
+}
+
+// Each allocation of ParseCookie fails in turn, for a domain not held yet
+// and for a new name of a domain held: the cookie is stored whole or not at
+// all, and what was stored before stays.
+TEST_F(CookieHolderTest, AnAllocationThatFailsStoresTheCookieWholeOrNotAtAll)
+{
+    for (const bool domainHeld : {false, true}) {
+        SCOPED_TRACE(domainHeld ? "domain held" : "new domain");
+        std::vector<QCookieValue> before;
+        if (domainHeld)
+            before.push_back(Cookie("old", "1", 0));
+        std::vector<QCookieValue> after = before;
+        after.push_back(Cookie("k", "v", KFuture));
+        int skip = 0;
+        for (; skip < 64; ++skip) {
+            SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+            QCookieHolder holder;
+            if (domainHeld) {
+                ASSERT_EQ(1, Parse(holder, "//d.org/", "old=1"));
+            }
+            const CQSString url("//d.org/");
+            const CQSString text((std::string("k=v; expires=") + KFutureDate).c_str());
+            velatest::HeapWatch::FailNothrowAfter(skip);
+            const int result = holder.ParseCookie(url, text);
+            velatest::HeapWatch::StopFailing();
+            std::vector<QCookieValue> served = CookiesFor(holder, "d.org");
+            std::sort(served.begin(), served.end(),
+                      [](const QCookieValue& a, const QCookieValue& b) {
+                          return std::strcmp(a.name.GetDataPtr(), b.name.GetDataPtr()) > 0;
+                      });
+            if (result == 1) {
+                EXPECT_EQ(after, served);
+                break;
+            }
+            EXPECT_EQ(0, result);
+            EXPECT_EQ(before, served);
+        }
+        EXPECT_GT(skip, 0);
+        EXPECT_LT(skip, 64);
+    }
+}
+
+// Each allocation of a lookup fails in turn: fewer cookies may be served,
+// never a wrong one.
+TEST_F(CookieHolderTest, AnAllocationThatFailsServesFewerCookiesNeverOthers)
+{
+    QCookieHolder holder;
+    ASSERT_EQ(1, Parse(holder, "//a.b.org/", "n1=1"));
+    ASSERT_EQ(1, Parse(holder, "//b.org/", "n2=2"));
+    ASSERT_EQ(1, Parse(holder, "//b.org/", "n1=shadowed"));
+    const std::vector<QCookieValue> whole = CookiesFor(holder, "a.b.org");
+    ASSERT_EQ(2u, whole.size());
+    const CQSString host("a.b.org");
+    int skip = 0;
+    for (; skip < 200; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        std::unique_ptr<CQHashTable<QCookieValue>> table(holder.GetCookie(host, true));
+        velatest::HeapWatch::StopFailing();
+        const std::vector<QCookieValue> got = Values(table.get());
+        for (const QCookieValue& cookie : got)
+            EXPECT_NE(whole.end(), std::find(whole.begin(), whole.end(), cookie)) << cookie.name.GetDataPtr();
+        if (got == whole)
+            break;
+    }
+    EXPECT_GT(skip, 0);
+    EXPECT_LT(skip, 200);
+}
+
+TEST_F(CookieHolderTest, SavingWithoutMemoryWritesNothing)
+{
+    QCookieHolder holder;
+    holder.ConstructL(Base());
+    ASSERT_EQ(1, Parse(holder, "//a.org/", "k=v"));
+    velatest::HeapWatch::FailNothrowAfter(0);
+    holder.Save2File();
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(QStringList(), Listing());
+    holder.Save2File();
+    EXPECT_EQ(Record("k", "v", "a.org", 0), Contents(CookieFile("zorb@a.org.txt")));
+}
+
+TEST_F(CookieHolderTest, ParsingWithoutMemoryStoresNothing)
+{
+    QCookieHolder holder;
+    const CQSString url("//a.org/");
+    const CQSString text("k=v");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int result = holder.ParseCookie(url, text);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(0, holder.cookies.GetCount());
+}
+
+TEST_F(CookieHolderTest, DomainWithoutAHostNameIsIgnored)
+{
+    QCookieHolder holder;
+    // "///x" has an empty host part; the request host is used instead.
+    ASSERT_EQ(1, Parse(holder, "//a.org/", "k=v; domain=///x"));
+    EXPECT_EQ(std::vector<QCookieValue>{Cookie("k", "v", 0)}, CookiesFor(holder, "a.org"));
+    EXPECT_EQ(1, holder.cookies.GetCount());
+}
+
+TEST_F(CookieHolderTest, BlankAttributesAreSkipped)
+{
+    QCookieHolder holder;
+    ASSERT_EQ(1, Parse(holder, "//a.org/", "k=v;  ; domain=b.org"));
+    EXPECT_EQ(std::vector<QCookieValue>{Cookie("k", "v", 0)}, CookiesFor(holder, "b.org"));
+    EXPECT_EQ(nullptr, holder.cookies.get(CQSString("a.org")));
+}
+
+// Each allocation of reading a file fails in turn: its cookies are taken
+// whole or not at all.
+TEST_F(CookieHolderTest, AnAllocationThatFailsReadsTheFileWholeOrNotAtAll)
+{
+    PutFile("live.txt", Record("k", "v", "r.org", KFuture));
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        QCookieHolder holder;
+        CQFile file;
+        ASSERT_NE(0, file.Open(CQWString(CookieFile("live.txt")), CQFile::KModeRead));
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = holder.ReadFromfile(file);
+        velatest::HeapWatch::StopFailing();
+        if (result == 1) {
+            EXPECT_EQ(std::vector<QCookieValue>{Cookie("k", "v", KFuture)}, CookiesFor(holder, "r.org"));
+            break;
+        }
+        EXPECT_EQ(0, result);
+        EXPECT_EQ(0, holder.cookies.GetCount());
+    }
+    EXPECT_GT(skip, 0);
+    EXPECT_LT(skip, 64);
 }

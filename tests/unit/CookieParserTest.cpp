@@ -334,6 +334,7 @@ TEST(CookieParserParam, OnlySemicolonsGiveNull)
     EXPECT_EQ(text.end(), cursor);
     char* none = nullptr;
     EXPECT_EQ(nullptr, CookieParser::HTParseNextParam(&none));
+    EXPECT_EQ(nullptr, CookieParser::HTParseNextParam(nullptr));
 }
 
 TEST(CookieParserTokenisers, SetCookieValueTakenApart)
@@ -487,6 +488,16 @@ TEST(CookieParserMonth, NullAndEmptyTextAreJanuary)
     ExactText empty("");
     EXPECT_EQ(0, parser.HTMake_month(empty.get(), &end));
     EXPECT_EQ(empty.end(), end);
+}
+
+TEST(CookieParserMonth, WithoutAnEndPointer)
+{
+    CookieParser parser;
+    ExactText digits("12 ");
+    EXPECT_EQ(0, parser.HTMake_month(digits.get(), static_cast<const char**>(nullptr)));
+    ExactText mar("mar");
+    EXPECT_EQ(2, parser.HTMake_month(mar.get(), static_cast<char**>(nullptr)));
+    EXPECT_EQ(0, parser.HTMake_month(digits.get(), static_cast<char**>(nullptr)));
 }
 
 TEST(CookieParserMonth, NameAtTheEndNeverMovesPastTheNul)

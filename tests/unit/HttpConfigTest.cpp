@@ -155,6 +155,56 @@ TEST_F(HttpConfigTest, AnAllocationThatFailsLeavesTheListWhole)
     EXPECT_LT(skip, 64);
 }
 
+// From an empty list, so that each list must get its first block: a list
+// that cannot grow drops the pair, and the two lists stay in step.
+TEST_F(HttpConfigTest, AnAllocationThatFailsInAnEmptyListLeavesItEmpty)
+{
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CQSString key("X-A");
+        CQSString value("1");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        CHttpConfig::AddHeader(key, value);
+        velatest::HeapWatch::StopFailing();
+        const std::vector<std::string> lines = All();
+        if (!lines.empty()) {
+            EXPECT_EQ(std::vector<std::string>{"X-A: 1"}, lines);
+            break;
+        }
+        CQSString out;
+        EXPECT_FALSE(CHttpConfig::GetKeyValue(0, out));
+    }
+    // Two copies and a block for each list.
+    EXPECT_GE(skip, 6);
+    EXPECT_LT(skip, 64);
+}
+
+// The list is made on first use; when it cannot be made, nothing is stored
+// and nothing is found.
+TEST_F(HttpConfigTest, WithoutMemoryForTheListNothingIsStored)
+{
+    CQSString out;
+    EXPECT_FALSE(CHttpConfig::GetKeyValue(0, out));  // makes the list
+    CQInstance* registry = CQInstance::Instance();
+    void* list = registry->GetByUid(CHttpConfig::KUidHttpConfig);
+    ASSERT_NE(nullptr, list);
+    registry->RemoveByUid(CHttpConfig::KUidHttpConfig);
+    CQSString key("X-A");
+    CQSString value("1");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CHttpConfig::AddHeader(key, value);
+    const bool found = CHttpConfig::GetKeyValue(0, out);
+    CHttpConfig::RemoveHeader(key);
+    const void* made = registry->GetByUid(CHttpConfig::KUidHttpConfig);
+    velatest::HeapWatch::StopFailing();
+    // The one list of the process goes back for the tests that follow.
+    ASSERT_NE(0, registry->AddWithUid(list, CHttpConfig::KUidHttpConfig));
+    EXPECT_FALSE(found);
+    EXPECT_TRUE(out.IsEmpty());
+    EXPECT_EQ(nullptr, made);
+}
+
 TEST_F(HttpConfigTest, EmptyNameOrValueIsFatal)
 {
     EXPECT_DEATH(Add("", "1"), "!key.IsEmpty\\(\\) && !value.IsEmpty\\(\\).*src/HttpConfig");

@@ -38,7 +38,7 @@ public:
     explicit Bytes(const std::string& text)
         : m_len(static_cast<int>(text.size())), m_data(new unsigned char[text.size()])
     {
-        std::copy(text.begin(), text.end(), m_data.get());
+        text.copy(reinterpret_cast<char*>(m_data.get()), text.size());
     }
     unsigned char* Data() { return m_data.get(); }
     int Len() const { return m_len; }
@@ -164,6 +164,50 @@ TEST(HeadMatch, AnchorIsACaseFreeByte)
     EXPECT_EQ(4, MakeNoCaseText("HTTP/").anchor);
     EXPECT_EQ(8, MakeNoCaseText("filename=").anchor);
     EXPECT_EQ(13, MakeNoCaseText("Content-Range: bytes").anchor);
+    // Without a colon, the first byte that is neither a letter nor a blank.
+    EXPECT_EQ(1, MakeNoCaseText("a_b c").anchor);
+    EXPECT_EQ(3, MakeNoCaseText("ab {c").anchor);
+    // Letters and blanks only: the first blank; letters only: none.
+    EXPECT_EQ(3, MakeNoCaseText("max age").anchor);
+    EXPECT_EQ(-1, MakeNoCaseText("chunked").anchor);
+}
+
+TEST(HeadMatch, TextOfLettersAndBlanksIsFoundInAnyCase)
+{
+    const NoCaseText text = MakeNoCaseText("max age");
+    Bytes bytes(std::string("maxage=1, MAX AGE=2"));
+    EXPECT_EQ(10, FindNoCase(bytes.Data(), bytes.Len(), text));
+    EXPECT_EQ(10, velanet::headmatch::FindNoCaseByMemchr(bytes.Data(), bytes.Len(), text));
+}
+
+TEST(HeadMatch, EmptyTextIsFoundAtTheStartAndANegativeLengthNowhere)
+{
+    Bytes bytes(std::string("abc"));
+    EXPECT_EQ(0, FindExact(bytes.Data(), bytes.Len(), "", 0));
+    EXPECT_EQ(2, FindExact(bytes.Data(), bytes.Len(), "", 0, 2));
+    EXPECT_EQ(3, FindExact(bytes.Data(), bytes.Len(), "", 0, 3));
+    EXPECT_EQ(-1, FindExact(bytes.Data(), bytes.Len(), "", 0, 4));
+    EXPECT_EQ(-1, FindExact(bytes.Data(), bytes.Len(), "abc", -1));
+    EXPECT_EQ(-1, FindExact(bytes.Data(), -1, "a", 1));
+    EXPECT_TRUE(velanet::headmatch::StartsWithNoCase(bytes.Data(), bytes.Len(), "", 0));
+    EXPECT_TRUE(velanet::headmatch::StartsWithNoCase(bytes.Data(), bytes.Len(), "AB", 2));
+    EXPECT_FALSE(velanet::headmatch::StartsWithNoCase(bytes.Data(), bytes.Len(), "abcd", 4));
+}
+
+// A position that passes both quick probes but is no match, in a block of
+// sixty-four with no match, and the real occurrence blocks later.
+TEST(HeadMatch, FalseCandidateBeforeTheMatchIsPassedOver)
+{
+    for (int at = 0; at < 64; ++at) {
+        std::string buf(static_cast<size_t>(at), 'y');
+        buf += "cxxxxxxxxxxxxx:";
+        buf += std::string(100, 'y');
+        const int expected = static_cast<int>(buf.size());
+        buf += "Content-Length:";
+        Bytes bytes(buf);
+        EXPECT_EQ(expected, FindNoCase(bytes.Data(), bytes.Len(), KContentLengthText)) << at;
+        EXPECT_EQ(expected, FindNoCase(bytes.Data(), bytes.Len(), KContentLengthText, at)) << at;
+    }
 }
 
 TEST(HeadMatch, AgreesWithThePlainDefinitionOnRandomText)
@@ -957,6 +1001,9 @@ TEST(ContentEncoding, Codings)
     EXPECT_EQ("ret=1 encoding=0", parse("Content-Encoding: x-gzip\r\n"));
     EXPECT_EQ("ret=1 encoding=0", parse("Content-Encoding: gzi\r\n"));
     EXPECT_EQ("ret=1 encoding=0", parse("Content-Encoding:  \r\n"));
+    // Trimming stops at a NUL byte, as it does on NUL-terminated text.
+    EXPECT_EQ("ret=1 encoding=0", parse(std::string("Content-Encoding: \0gzip\r\n", 25)));
+    EXPECT_EQ("ret=1 encoding=1", parse(std::string("Content-Encoding: \t gzip\0\r\n", 27)));
 }
 
 TEST(ContentEncoding, MissingFieldResetsToNone)
@@ -1181,6 +1228,25 @@ TEST(SaveCookies, LaterLinesWinForTheSameName)
     ASSERT_TRUE(jar);
     ASSERT_TRUE(jar->get(CQSString("a")));
     EXPECT_EQ("2", Str(jar->get(CQSString("a"))->value));
+}
+
+TEST(SaveCookies, NullLinesAreSkipped)
+{
+    QCookieHolder holder;
+    CHttpData data;
+    data.SetCookiePointer(&holder);
+    CQSString url("http://srv.test/");
+    CQList<CQSString*> lines;
+    CQSString line("a=1");
+    lines.AddTail(nullptr);
+    lines.AddTail(&line);
+    data.SaveCookies(url, lines);
+    lines.RemoveAll();
+    std::unique_ptr<CQHashTable<QCookieValue>> jar(holder.GetCookie(CQSString("srv.test"), true));
+    ASSERT_TRUE(jar);
+    EXPECT_EQ(1, jar->GetCount());
+    ASSERT_TRUE(jar->get(CQSString("a")));
+    EXPECT_EQ("1", Str(jar->get(CQSString("a"))->value));
 }
 
 TEST(SaveCookies, WithoutHolderNothingHappens)

@@ -7,10 +7,12 @@
 #include "src/HttpData.h"
 #include "src/RequestHeaderUnit.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -366,6 +368,49 @@ TEST_F(PostFileHead, AUrlWithoutAHostBuildsNothing)
     }
     CHttpData empty;
     EXPECT_FALSE(empty.GetPostFileMethodData(false, unit));
+}
+
+TEST_F(PostFileHead, AFileSizeThatCannotBeAnnouncedBuildsNothing)
+{
+    data.SetURL("http://srv.test/up");
+    Fill("a=1", 0, L"/p", L"file");
+    // The int field written on its own counts: below zero is no size.
+    unit.m_nFileSize = -1;
+    EXPECT_FALSE(data.GetPostFileMethodData(false, unit));
+    // The largest size leaves no room for the part heads in the length.
+    unit.SetFileSize64(LLONG_MAX);
+    EXPECT_FALSE(data.GetPostFileMethodData(false, unit));
+    EXPECT_EQ(nullptr, unit.m_pHeaderData);
+    EXPECT_EQ(0, unit.m_nHeaderLen);
+    EXPECT_EQ(nullptr, unit.m_pInfoData);
+    EXPECT_EQ(0, unit.m_nInfoDataLen);
+}
+
+// The trailer and the head buffer fail in turn: nothing is handed to the
+// unit until both exist.
+TEST_F(PostFileHead, AnAllocationThatFailsHandsTheUnitNothing)
+{
+    data.SetURL("http://srv.test/up");
+    Fill("", 7, L"", L"");
+    const std::string head =
+        RequestHead("POST /up HTTP/1.1", "srv.test", static_cast<long long>(FilePartHead("", "").size()) + 7 + 19) +
+        FilePartHead("", "");
+    int skip = 0;
+    for (; skip < 16; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const bool built = data.GetPostFileMethodData(false, unit);
+        velatest::HeapWatch::StopFailing();
+        if (built) {
+            EXPECT_EQ(Visible(head), Visible(Head()));
+            EXPECT_EQ(Visible("\r\n--7d92bf36e1196--"), Visible(Trailer()));
+            break;
+        }
+        EXPECT_EQ(nullptr, unit.m_pHeaderData);
+        EXPECT_EQ(nullptr, unit.m_pInfoData);
+    }
+    EXPECT_GE(skip, 2) << "the trailer and the head are two allocations";
+    EXPECT_LT(skip, 16);
 }
 
 TEST_F(PostFileHead, AFilePast4GiBIsAnnouncedWhole)

@@ -4,11 +4,13 @@
 #include "src/HttpConfig.h"
 #include "src/HttpData.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <memory>
 #include <string>
@@ -293,6 +295,18 @@ TEST_F(HttpDataTest, SchemeWithNothingAfterItProducesNoRequest)
     data.SetURL("http://");
     int len = 0;
     EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+}
+
+TEST_F(HttpDataTest, EmptyAuthorityProducesNoRequest)
+{
+    // "http:///p" has a path but an empty host: there is no Host line to send.
+    data.SetURL("http:///p");
+    int len = 9;
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodGet, len, 0, 0));
+    EXPECT_EQ(nullptr, data.GetMethodData(CHttpData::KMethodPost, len, 0, 0, 0, 1,
+                                          reinterpret_cast<const unsigned char*>("b")));
+    EXPECT_EQ(nullptr, data.PartialGetMethodData64(len, 0, false, 5));
+    EXPECT_EQ(9, len);
 }
 
 TEST_F(HttpDataTest, UrlStartingWithHashIsItsOwnHost)
@@ -681,6 +695,8 @@ const UrlRow kUrlRows[] = {
     {"ipv6-literal-empty-brackets", "http://[]:81/", "", "[]:81", "/", 81, false},
     {"ipv6-literal-unclosed", "http://[::1/x", "[", "[::1", "/x", 80, false},
     {"ipv6-literal-bracket-after-slash", "http://[::1/]x", "[", "[::1", "/]x", 80, false},
+    {"ipv6-literal-unclosed-at-the-end", "http://[::1", "[", "[::1", "<null>", 80, false},
+    {"ipv6-literal-bracket-after-query", "http://[::1?q]", "[", "[::1", "?q]", 80, false},
     {"bracket-not-first", "http://a[::1]:83/", "a[", "a[::1]:83", "/", 80, false},
     {"empty", "", "<null>", "<null>", "<null>", 80, false},
 };
@@ -752,6 +768,105 @@ TEST_F(HttpDataTest, IsSecureConnectionLooksAnywhere)
     EXPECT_TRUE(data.IsSecureConnection());
     data.SetURL("HTTPS://a/");
     EXPECT_FALSE(data.IsSecureConnection());
+}
+
+// ------------------------------------------------------------ failing allocations
+
+TEST_F(HttpDataTest, ContentLengthWriterWritesAnyCountInDecimal)
+{
+    const auto line = [&](long long n) {
+        unsigned char buffer[64];
+        const int sized = data.CopyHttpHeader_ContentLength64(n, nullptr);
+        const int written = data.CopyHttpHeader_ContentLength64(n, buffer);
+        EXPECT_EQ(sized, written) << n;
+        return std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(written));
+    };
+    EXPECT_EQ("Content-Length: 0\r\n", line(0));
+    EXPECT_EQ("Content-Length: -1\r\n", line(-1));
+    EXPECT_EQ("Content-Length: 9223372036854775807\r\n", line(LLONG_MAX));
+    EXPECT_EQ("Content-Length: -9223372036854775808\r\n", line(LLONG_MIN));
+}
+
+TEST_F(HttpDataTest, HostCopyWithoutMemoryIsNull)
+{
+    const CQSString url("http://srv.test/a");
+    velatest::HeapWatch::FailNothrowAfter(0);
+    CQSString* host = CHttpData::FindHost(url);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, host);
+    delete host;
+}
+
+// Without memory for the model name the identification lines stay empty:
+// no allocation made at construction can succeed after the first has failed.
+TEST_F(HttpDataTest, IdentificationLinesMadeWithoutMemoryAreEmpty)
+{
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const std::unique_ptr<CHttpData> bare(new CHttpData);
+    velatest::HeapWatch::StopFailing();
+    unsigned char buffer[8];
+    const int n = bare->CopyHttpHeader_UserAgent(buffer);
+    EXPECT_EQ("\r\n\r\n", std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(n)));
+}
+
+// Each allocation a builder makes fails in turn: the builder then gives no
+// head at all (len untouched), never a head that lacks a line.
+void ExpectNoHeadOrTheWholeHead(const std::function<unsigned char*(int&)>& builder)
+{
+    const std::string whole = Build(builder);
+    ASSERT_FALSE(whole.empty());
+    int skip = 0;
+    for (; skip < 200; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        int len = -7;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        unsigned char* bytes = builder(len);
+        velatest::HeapWatch::StopFailing();
+        if (bytes) {
+            EXPECT_EQ(whole, Take(bytes, len));
+            break;
+        }
+        EXPECT_EQ(-7, len);
+    }
+    EXPECT_LT(skip, 200);
+}
+
+TEST_F(HttpDataTest, AnAllocationThatFailsGivesNoHead)
+{
+    data.SetURL("http://srv.test/a");
+    ExpectNoHeadOrTheWholeHead([&](int& len) { return data.GetMethodData(CHttpData::KMethodGet, len, 0, 0); });
+    const unsigned char body[] = {'a', '=', '1'};
+    ExpectNoHeadOrTheWholeHead(
+        [&](int& len) { return data.GetMethodData(CHttpData::KMethodPost, len, 0, 0, 0, 3, body); });
+}
+
+TEST_F(HttpDataCookieTest, WithoutMemoryForTheCookieLookupThereIsNoHead)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://WWW.Srv.test:8080/news");
+    ASSERT_NE(std::string::npos, Get(data).find("Cookie: sid=ab12\r\n"));
+    int len = -7;
+    velatest::HeapWatch::FailNothrowAfter(0);
+    unsigned char* bytes = data.GetMethodData(CHttpData::KMethodGet, len, 0, 0);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(nullptr, bytes);
+    EXPECT_EQ(-7, len);
+    delete[] bytes;
+}
+
+TEST_F(HttpDataCookieTest, UrlsWithoutAHostNameSendNoCookieLine)
+{
+    Store("http://srv.test/", "sid=ab12");
+    // "#..." is its own Host line but names no host to look cookies up for;
+    // ":90" has a port and an empty name.
+    data.SetURL("#frag");
+    const std::string hash = Get(data);
+    EXPECT_NE(std::string::npos, hash.find("\r\nHost: #frag\r\n"));
+    EXPECT_EQ(std::string::npos, hash.find("Cookie:"));
+    data.SetURL("http://:90/p");
+    const std::string portOnly = Get(data);
+    EXPECT_EQ(0u, portOnly.find("GET /p HTTP/1.1\r\nHost: :90\r\n"));
+    EXPECT_EQ(std::string::npos, portOnly.find("Cookie:"));
 }
 
 }  // namespace

@@ -269,6 +269,46 @@ TEST(HttpResponseHead, AssignmentToItselfChangesNothing)
     EXPECT_EQ(before, Describe(h));
 }
 
+TEST(HttpResponseHead, AssignmentSkipsANullLine)
+{
+    CHttpResponseHead source;
+    AddLine(source, "s1=1");
+    source.m_listCookies.AddTail(nullptr);
+    AddLine(source, "s2=2");
+    CHttpResponseHead target;
+    target = source;
+    EXPECT_EQ((std::vector<std::string>{"s1=1", "s2=2"}), Lines(target));
+    // Taken out again: destroying a record with a null line is fatal.
+    POSITION pos = source.m_listCookies.GetHeadPosition();
+    int index = 0;
+    while (pos && source.m_listCookies.GetNext(pos) != nullptr)
+        ++index;
+    source.m_listCookies.RemoveAt(index);
+    EXPECT_EQ((std::vector<std::string>{"s1=1", "s2=2"}), Lines(source));
+}
+
+// The int companions of the 64-bit fields: the value itself while it fits
+// an int, the nearer int limit beyond.
+TEST(HttpResponseHead, SaturatedIntAtBothEdges)
+{
+    const struct
+    {
+        long long value;
+        int expected;
+    } rows[] = {
+        {0, 0},
+        {2147483647LL, 2147483647},
+        {2147483648LL, 2147483647},
+        {9223372036854775807LL, 2147483647},
+        {-1, -1},
+        {-2147483647LL - 1, -2147483647 - 1},
+        {-2147483647LL - 2, -2147483647 - 1},
+        {-9223372036854775807LL - 1, -2147483647 - 1},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(row.expected, CHttpResponseHead::SaturatedInt(row.value)) << row.value;
+}
+
 TEST(HttpResponseHeadDeathTest, ResetWithANullLineIsFatal)
 {
     EXPECT_DEATH(

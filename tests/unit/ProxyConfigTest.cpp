@@ -97,6 +97,15 @@ const ProxyUrlRow kProxyUrlRows[] = {
     {"no-host", "http://:3128", false, "", 0, false, "", ""},
     {"nothing-after-scheme", "http://", false, "", 0, false, "", ""},
     {"blank-in-host", "http://pro xy:3128", false, "", 0, false, "", ""},
+    {"tab-in-host", "http://pro\txy:3128", false, "", 0, false, "", ""},
+    {"control-byte-in-host", "http://pro\x01xy:3128", false, "", 0, false, "", ""},
+    {"open-bracket-inside-host", "http://a[b:3128", false, "", 0, false, "", ""},
+    {"close-bracket-inside-host", "http://a]b:3128", false, "", 0, false, "", ""},
+    {"text-after-ipv6-literal", "http://[::1]x:3128", false, "", 0, false, "", ""},
+    {"ipv6-literal-port-0", "http://[::1]:0", false, "", 0, false, "", ""},
+    {"port-with-sign", "http://p:-1", false, "", 0, false, "", ""},
+    {"shorter-than-the-scheme", "p:81", true, "p", 81, false, "", ""},
+    {"colon-slash-in-path", "p:81/a:/b", true, "p", 81, false, "", ""},
     {"empty", "", false, "", 0, false, "", ""},
 };
 
@@ -197,6 +206,8 @@ const NoProxyRow kNoProxyRows[] = {
     {"ipv6-entry-ipv4-host", "::1", "127.0.0.1", 80, false},
     {"name-entry-address-host", "localhost", "127.0.0.1", 80, false},
     {"localhost", "localhost", "localhost", 80, true},
+    {"address-entry-name-host", "127.0.0.1", "localhost", 80, false},
+    {"dot-boundary-other-name", "example.com", "www.example.org", 80, false},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rows, NoProxy, ::testing::ValuesIn(kNoProxyRows),
@@ -360,6 +371,28 @@ TEST_F(ProxyConfigTest, EnvironmentBadValueIsNamed)
     EXPECT_EQ(QString("http_proxy is not a proxy URL: socks5://s:1"), error);
     EXPECT_TRUE(CProxyConfig::GetProxy(CProxyConfig::PS_Http).isEmpty());
     EXPECT_EQ(QString("http://good:2"), CProxyConfig::GetProxy(CProxyConfig::PS_Https));
+}
+
+TEST_F(ProxyConfigTest, EnvironmentFirstBadValueIsNamed)
+{
+    QString error;
+    EXPECT_FALSE(CProxyConfig::ApplyEnvironment(
+        Environment({{"http_proxy", "socks5://s:1"}, {"https_proxy", "https://t:2"}}), &error));
+    EXPECT_EQ(QString("http_proxy is not a proxy URL: socks5://s:1"), error);
+    error.clear();
+    EXPECT_FALSE(CProxyConfig::ApplyEnvironment(
+        Environment({{"http_proxy", "http://good:1"}, {"HTTPS_PROXY", "https://t:2"}}), &error));
+    EXPECT_EQ(QString("HTTPS_PROXY is not a proxy URL: https://t:2"), error);
+    EXPECT_EQ(QString("http://good:1"), CProxyConfig::GetProxy(CProxyConfig::PS_Http));
+}
+
+TEST_F(ProxyConfigTest, EnvironmentBadValueWithoutAnErrorText)
+{
+    EXPECT_FALSE(CProxyConfig::ApplyEnvironment(Environment({{"http_proxy", "socks5://s:1"}})));
+    EXPECT_FALSE(CProxyConfig::ApplyEnvironment(
+        Environment({{"https_proxy", "socks5://s:1"}, {"no_proxy", "a.test"}})));
+    EXPECT_TRUE(CProxyConfig::GetProxy(CProxyConfig::PS_Https).isEmpty());
+    EXPECT_EQ(QString("a.test"), CProxyConfig::GetNoProxy());
 }
 
 TEST_F(ProxyConfigTest, EnvironmentWithoutSchemeOrPort)
