@@ -11,8 +11,13 @@
 
 #include <QFile>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -573,6 +578,70 @@ TEST_F(CQSendFileUnitTest, SetFileOnADirectoryFails)
     EXPECT_FALSE(unit.m_File.IsOpen());
 }
 
+TEST_F(CQSendFileUnitTest, SetFileOnAPipeFails)
+{
+    // A pipe opens but has no length to announce and cannot be rewound.
+    const QString fifo = dir.File("pipe");
+    const QByteArray name = QFile::encodeName(fifo);
+    ASSERT_EQ(0, ::mkfifo(name.constData(), 0600));
+    // A writer of our own, so that opening the pipe for reading does not wait.
+    const int writer = ::open(name.constData(), O_RDWR | O_NONBLOCK);
+    ASSERT_GE(writer, 0);
+    CQSendFileUnit unit;
+    EXPECT_EQ(CQSendFileUnit::KOpenFailed, unit.SetFile(Wide(fifo), 1024));
+    EXPECT_FALSE(unit.m_File.IsOpen());
+    EXPECT_EQ(0, unit.m_nFileLength);
+    EXPECT_EQ(nullptr, unit.m_pReadBuffer);
+    ::close(writer);
+}
+
+TEST_F(CQSendFileUnitTest, AReadBufferRefusedAtSetFileIsTakenAtTheFirstFileSlice)
+{
+    const std::string file = Pattern(1300, 21);
+    m_path = dir.File("late.bin");
+    WriteFile(m_path, file);
+    CQSendFileUnit unit;
+    const CQWString path = Wide(m_path);
+    // Opening may take nothrow blocks of its own (the path's conversion):
+    // the smallest number let through that opens the file leaves none for
+    // the read buffer.
+    int opened = CQSendFileUnit::KOpenFailed;
+    for (int skip = 0; skip < 16 && opened != CQSendFileUnit::KOpened; ++skip) {
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        opened = unit.SetFile(path, 512);
+        velatest::HeapWatch::StopFailing();
+    }
+    ASSERT_EQ(CQSendFileUnit::KOpened, opened);
+    EXPECT_EQ(nullptr, unit.m_pReadBuffer);
+    EXPECT_EQ(512, unit.m_nBlockSize);
+    const std::vector<Slice> slices = Drain(unit, 1024);
+    EXPECT_EQ((std::vector<int>{512, 512, 276}), Sizes(slices));
+    EXPECT_EQ(Visible(file), Visible(Joined(slices)));
+}
+
+TEST_F(CQSendFileUnitTest, BlockSizeZeroTakesNoReadBuffer)
+{
+    // Nothing is read from an empty file, so none is needed.
+    CQSendFileUnit unit;
+    Prepare(unit, "HEAD", "", "TAIL", 0);
+    EXPECT_EQ(0, unit.m_nBlockSize);
+    EXPECT_EQ(nullptr, unit.m_pReadBuffer);
+    EXPECT_EQ("HEADTAIL", Joined(Drain(unit, 1024)));
+    ExpectCleared(unit);
+}
+
+TEST_F(CQSendFileUnitTest, AReadCountPastTheLengthByMoreThanAnIntAnnouncesIntMin)
+{
+    // The counts are 64-bit; the int the socket engine reads is clamped at
+    // both ends, never wrapped into a positive size.
+    CQSendFileUnit unit;
+    Prepare(unit, "", "", "");
+    unit.m_nPhase = CQSendFileUnit::SFP_File;
+    unit.m_nFileRead64 = 4294967296LL;
+    EXPECT_EQ(INT_MIN, unit.EnableSendSize());
+    ExpectCleared(unit);
+}
+
 TEST_F(CQSendFileUnitTest, SetInfoDataIgnoresItsFlagAndRestartsTheTrailer)
 {
     CQSendFileUnit unit;
@@ -670,6 +739,43 @@ TEST(CQSendFileUnitDeathTest, AFileThatShrankIsFatal)
             unsigned char* p = nullptr;
             unit.LoadData(&p, 1024);
             QFile::resize(path, 1024);  // the recorded length now promises more
+            unit.LoadData(&p, 1024);
+        },
+        "ASSERT: \"FALSE\" in file src/CQSendFileUnit");
+}
+
+TEST(CQSendFileUnitDeathTest, FileBytesWithBlockSizeZeroAreFatal)
+{
+    // No slice of the file can be read: the stream cannot keep its promise.
+    velatest::TempDir dir;
+    const QString path = dir.File("f.bin");
+    WriteFile(path, "abc");
+    EXPECT_DEATH(
+        {
+            CQSendFileUnit unit;
+            unit.SetFile(CQWString(path), 0);
+            unsigned char* p = nullptr;
+            unit.LoadData(&p, 1024);
+        },
+        "ASSERT: \"FALSE\" in file src/CQSendFileUnit");
+}
+
+TEST(CQSendFileUnitDeathTest, NoMemoryForTheReadBufferAtTheFirstSliceIsFatal)
+{
+    velatest::TempDir dir;
+    const QString path = dir.File("f.bin");
+    WriteFile(path, "abc");
+    EXPECT_DEATH(
+        {
+            CQSendFileUnit unit;
+            const CQWString name(path);
+            // As few blocks as opening the file takes; none from then on.
+            for (int skip = 0; skip < 16; ++skip) {
+                velatest::HeapWatch::FailNothrowAfter(skip);
+                if (unit.SetFile(name, 512) == CQSendFileUnit::KOpened)
+                    break;
+            }
+            unsigned char* p = nullptr;
             unit.LoadData(&p, 1024);
         },
         "ASSERT: \"FALSE\" in file src/CQSendFileUnit");
@@ -779,6 +885,22 @@ TEST_F(CQSendFileUnitTest, Md5OfANegativeSizeIsNull)
     CQSendFileUnit unit;
     Prepare(unit, "", "abc", "");
     EXPECT_EQ(nullptr, unit.GetBufMd5(-1));
+}
+
+TEST_F(CQSendFileUnitTest, Md5WithoutMemoryIsNullAndKeepsTheReadPosition)
+{
+    CQSendFileUnit unit;
+    Prepare(unit, "", "abcdef", "");
+    // No room for the bytes to hash, then none for the digits.
+    for (const int skip : {0, 1}) {
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        char* hex = unit.GetBufMd5(3);
+        velatest::HeapWatch::StopFailing();
+        EXPECT_EQ(nullptr, hex) << "skip " << skip;
+        delete[] hex;
+    }
+    EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", TakeMd5(unit.GetBufMd5(3)));
+    EXPECT_EQ("abcdef", Joined(Drain(unit, 1024)));
 }
 
 TEST_F(CQSendFileUnitTest, Md5WithoutAFileIsTheEmptyDigest)
