@@ -18,6 +18,7 @@
 #include "src/DNSCache.h"
 #include "src/internal/DnsGatewayReply_p.h"
 #include "src/internal/LocationResolve_p.h"
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include "BaseClass/src/CQTimer.h"
@@ -744,6 +745,57 @@ TEST_F(EngineTest, ASendTheSocketEngineRefusesIsFatal)
             Event(KConnected);
         },
         "FALSE.*src/MLHttpEngine");
+}
+
+TEST_F(EngineTest, APostSendTheSocketEngineRefusesIsFatal)
+{
+    unsigned char body[] = {'x'};
+    EXPECT_DEATH(
+        {
+            m_engine->SetObserver(nullptr);
+            m_engine->DoPost(Url("/a").c_str(), nullptr, body, 1);
+            // Still connecting: the socket engine refuses to write.
+            Event(KConnected);
+        },
+        "FALSE.*src/MLHttpEngine");
+}
+
+TEST_F(EngineTest, APostFileSendTheSocketEngineRefusesIsFatal)
+{
+    const QString upload = m_dir.File("refused.txt");
+    WriteFile(upload, "abc");
+    EXPECT_DEATH(
+        {
+            m_engine->SetObserver(nullptr);
+            m_engine->DoPostFile(Url("/up").c_str(), nullptr, nullptr, 0, CQWString(upload), CQWString(L"f"));
+            Event(KConnected);
+        },
+        "FALSE.*src/MLHttpEngine");
+}
+
+TEST_F(EngineTest, AnUploadBlockTheSocketEngineRefusesIsFatal)
+{
+    const QString upload = m_dir.File("refused.bin");
+    WriteFile(upload, "abc");
+    const std::string host = "127.0.0.1:" + std::to_string(m_port);
+    char key[] = {'k'};
+    EXPECT_DEATH(
+        {
+            m_engine->SetObserver(nullptr);
+            m_engine->DoPostOLFile(host.c_str(), key, 1, CQWString(upload), 4096);
+            Event(KConnected);
+        },
+        "FALSE.*src/MLHttpEngine");
+}
+
+TEST(EngineConstructionDeathTest, NoMemoryForTheSocketEngineIsFatal)
+{
+    EXPECT_DEATH(
+        {
+            velatest::HeapWatch::FailNothrowAfter(0);
+            delete CMLHttpEngine::NewL();
+        },
+        "m_pSocketEngine != NULL.*src/MLHttpEngine");
 }
 
 TEST_F(EngineTest, PostFileWithAnEmptyPathIsDroppedWithoutAWord)
@@ -2012,6 +2064,384 @@ TEST_F(EngineTest, AnObserverStoppingAGzipBodyGetsNothingMore)
     EXPECT_TRUE(m_engine->IsIdle());
 }
 
+// ============================================================ edges of the engine's own calls
+
+TEST_F(EngineTest, AnEngineBeforeConstructAnswersEveryCallWithoutAReport)
+{
+    // No socket engine and no buffers: the strict observer hears nothing.
+    CMLHttpEngine bare;
+    bare.SetObserver(&m_obs);
+    bare.SetIap(nullptr);
+    bare.DoStopOLFileTimer();
+    bare.SetOLFileTimerObserver(nullptr);
+    EXPECT_EQ(1, bare.CancelRequest());
+    bare.SendMsg_Get();
+    bare.SendMsg_Post();
+    bare.SendMsg_PostFile();
+    bare.SendMsg_PostOLFile();
+    std::string head = Head("HTTP/1.1 200 OK", "Content-Length: 1\r\n") + "x";
+    // Without a receive buffer the head has nowhere to go: the read stops.
+    EXPECT_EQ(0, bare.OnSocketEngine_ReceiveData(reinterpret_cast<unsigned char*>(&head[0]),
+                                                 static_cast<int>(head.size())));
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(bare));
+    EXPECT_EQ(0, bare.DecompressAndNotify(reinterpret_cast<unsigned char*>(&head[0]), static_cast<int>(head.size())));
+    EXPECT_EQ(CMLHttpEngine::HES_Idle, bare.GetState());
+    EXPECT_EQ(-1, bare.GetHttpSocketCurrentStatus());
+}
+
+TEST_F(EngineTest, ConstructAgainGivesAFreshIdleEngineThatStillRequests)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 2, 2));
+        EXPECT_CALL(m_obs, OnHttpEngine_Complete(KId, _));
+    }
+    m_engine->Construct();
+    ASSERT_NE(nullptr, m_engine->GetSocketEngine());
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_EQ(CMLHttpEngine::HES_Idle, m_engine->GetState());
+    Get("/again");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 2\r\n") + "ok"));
+    EXPECT_EQ("ok", Body());
+}
+
+TEST_F(EngineTest, NullOrNegativeReadsBeforeTheHeadAddNothing)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, Field(&CHttpResponseHead::m_nContentLength, 3)));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 3));
+        EXPECT_CALL(m_obs, OnHttpEngine_Complete(KId, _));
+    }
+    Get("/a");
+    Connect();
+    EXPECT_EQ(1, m_engine->OnSocketEngine_ReceiveData(nullptr, 7));
+    unsigned char byte = 'H';
+    EXPECT_EQ(1, m_engine->OnSocketEngine_ReceiveData(&byte, -1));
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 3\r\n") + "abc"));
+    EXPECT_EQ("abc", Body());
+}
+
+TEST_F(EngineTest, DecompressAndNotifyWithoutBytesReportsNothing)
+{
+    unsigned char byte = 0x1f;
+    EXPECT_EQ(0, m_engine->DecompressAndNotify(nullptr, 5));
+    EXPECT_EQ(0, m_engine->DecompressAndNotify(&byte, 0));
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetFilterState(*m_engine));
+}
+
+TEST_F(EngineTest, ARedirectWhoseHostTheEngineCannotFindIsNotStartable)
+{
+    // The host comes after an empty user name: the URL is well formed, but
+    // the engine reads the host up to the first colon and finds nothing.
+    const std::string target = "http://:p@127.0.0.1:" + std::to_string(m_port) + "/x";
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_URLChange(KId, TextIs(target)));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, velanet::KErrorRedirectNotStartable));
+    }
+    Get("/r");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: " + target + "\r\nContent-Length: 0\r\n")));
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineTest, AfterAGzipCompletionFurtherBytesAreNotRead)
+{
+    const std::string gz = Gzip("short");
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 5, 0));
+        EXPECT_CALL(m_obs, OnHttpEngine_Complete(KId, _));
+    }
+    Get("/z");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Encoding: gzip\r\nContent-Length: " +
+                                                  std::to_string(gz.size() + 4) + "\r\n") +
+                      gz));
+    ASSERT_EQ(CMLHttpEngine::HRP_Done, CMLHttpEngineTestPeer::GetPhase(*m_engine));
+    const long long received = CMLHttpEngineTestPeer::GetBytesReceived(*m_engine);
+    EXPECT_EQ(0, Feed("more"));
+    EXPECT_EQ(received, CMLHttpEngineTestPeer::GetBytesReceived(*m_engine));
+    EXPECT_EQ("short", Body());
+}
+
+TEST_F(EngineTest, AConnectedEventAfterCompletionSendsNothingNew)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 2, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_Complete(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+    }
+    Get("/c");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + Chunked({"ok"})));
+    ASSERT_EQ(CMLHttpEngine::HES_Idle, m_engine->GetState());
+    const std::string sent = HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine));
+    // A stale event 32: the engine has no request under way to send.
+    Event(KConnected);
+    EXPECT_EQ(sent, HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_EQ(CMLHttpEngine::HES_Idle, m_engine->GetState());
+}
+
+TEST_F(EngineTest, WithoutObserverEventsFailuresAndRefusedTunnelsAreSilent)
+{
+    m_engine->SetObserver(nullptr);
+    Get("/quiet");
+    Connect();  // event 32: the request goes out unreported
+    EXPECT_EQ(ExpectedGet(Url("/quiet"), KId), HeaderBytes(CMLHttpEngineTestPeer::GetRequestHeaderUnit(*m_engine)));
+    Event(KResolved);
+    EXPECT_FALSE(m_engine->IsIdle());
+    Event(KSocketError);
+    EXPECT_TRUE(m_engine->IsIdle());
+    Get("/quiet");
+    m_engine->OnSocketEngine_TunnelRefused(407);
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineTest, PostOLFileWithoutKeyOrHost)
+{
+    // No key: the upload starts with none stored.
+    const std::string host = "127.0.0.1:" + std::to_string(m_port);
+    const CQWString file(m_dir.File("ol.bin"));
+    ASSERT_NE(0, m_engine->DoPostOLFile(host.c_str(), nullptr, 5, file, 4096));
+    EXPECT_EQ(nullptr, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_pKey);
+    EXPECT_EQ(20, m_engine->GetCurMethod());
+    m_engine->CancelRequest();
+    // No host: the URL is empty and the empty name goes to the lookup.
+    EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KLookupStarted));
+    char key[] = {'k'};
+    (void)m_engine->DoPostOLFile(nullptr, key, 1, file, 4096);
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL().IsEmpty());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_strHost.IsEmpty());
+}
+
+TEST_F(EngineTest, PostOLFileOfAFilePastTwoGiBIsDroppedWithoutAWord)
+{
+    // The upload's server protocol counts in 32 bits. A sparse file costs
+    // no disk space.
+    const QString path = m_dir.File("big.bin");
+    {
+        QFile big(path);
+        ASSERT_TRUE(big.open(QIODevice::WriteOnly));
+        ASSERT_TRUE(big.resize(2147483648LL));
+    }
+    EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+    const std::string host = "127.0.0.1:" + std::to_string(m_port);
+    char key[] = {'k'};
+    ASSERT_NE(0, m_engine->DoPostOLFile(host.c_str(), key, 1, CQWString(path), 4096));
+    const int status = m_engine->GetHttpSocketCurrentStatus();
+    Event(KConnected);
+    EXPECT_EQ(status, m_engine->GetHttpSocketCurrentStatus());
+    EXPECT_EQ(0, CMLHttpEngineTestPeer::GetPostOLFileHeaderUnit(*m_engine).m_nFileLen);
+    QFile::remove(path);
+}
+
+// ---- an observer that detaches, cancels or starts anew inside a report
+
+// Restores the redirect limit when a test ends, even a failed one.
+struct RedirectLimit
+{
+    explicit RedirectLimit(int count) { CMLHttpEngine::SetMaxRedirects(count); }
+    ~RedirectLimit() { CMLHttpEngine::SetMaxRedirects(CMLHttpEngine::KDefaultMaxRedirects); }
+    RedirectLimit(const RedirectLimit&) = delete;
+    RedirectLimit& operator=(const RedirectLimit&) = delete;
+};
+
+struct DetachRow
+{
+    const char* name;
+    const char* fields;
+    bool gzip;  // the body goes gzipped
+};
+
+void PrintTo(const DetachRow& row, std::ostream* os)
+{
+    *os << row.name;
+}
+
+class EngineDetachTest : public EngineTest, public ::testing::WithParamInterface<DetachRow>
+{
+};
+
+// The body bytes that came with the head find nobody to report to: the
+// read stops there.
+TEST_P(EngineDetachTest, AnObserverLeavingInsideTheHeadReportGetsNoBody)
+{
+    const DetachRow& row = GetParam();
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _)).WillOnce(Invoke([this](int, CHttpResponseHead&) {
+            m_engine->SetObserver(nullptr);
+            return 1;
+        }));
+    }
+    Get("/d");
+    Connect();
+    const std::string body = row.gzip ? Gzip("abc") : std::string("abc");
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", row.fields) + body));
+    EXPECT_EQ(nullptr, m_engine->GetObserver());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+}
+
+const DetachRow KDetachRows[] = {
+    {"plain-length-body", "Content-Length: 100\r\n", false},
+    {"gzip-length-body", "Content-Encoding: gzip\r\nContent-Length: 100\r\n", true},
+};
+
+INSTANTIATE_TEST_SUITE_P(Bodies, EngineDetachTest, ::testing::ValuesIn(KDetachRows),
+                         [](const ::testing::TestParamInfo<DetachRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST_F(EngineTest, AnObserverLeavingInsideTheLastDataReportGetsNoCompletion)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 3))
+            .WillOnce(Invoke([this](int, unsigned char*, int, int) {
+                m_engine->SetObserver(nullptr);
+                return 1;
+            }));
+    }
+    Get("/d");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 3\r\n") + "abc"));
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+}
+
+TEST_F(EngineTest, AnObserverLeavingInsideTheRedirectReportHearsNoRedirectFailure)
+{
+    const RedirectLimit none(0);
+    const QString path = m_dir.File("redirected.bin");
+    const CQWString file(path);
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_URLChange(KId, TextIs(Url("/next")))).WillOnce(Invoke([this](int, CQSString&) {
+            m_engine->SetObserver(nullptr);
+            return 1;
+        }));
+    }
+    Get("/r", &file);
+    Connect();
+    ASSERT_TRUE(QFile::exists(path));
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 302 Found", "Location: /next\r\nContent-Length: 0\r\n")));
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_FALSE(QFile::exists(path)) << "the failed redirect still deletes the receive file";
+}
+
+TEST_F(EngineTest, AnObserverStartingTheNextRequestInsideTheHeadReportKeepsItWhenAnsweringZero)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _)).WillOnce(Invoke([this](int, CHttpResponseHead&) {
+            EXPECT_NE(0, m_engine->DoGet(Url("/next").c_str(), nullptr, -1));
+            return 0;
+        }));
+    }
+    Get("/first");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 3\r\n") + "abc"));
+    EXPECT_EQ(Url("/next"), ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
+    EXPECT_FALSE(m_engine->IsIdle()) << "the next request is under way";
+    EXPECT_EQ(CMLHttpEngine::HES_HttpRequest, m_engine->GetState());
+}
+
+TEST_F(EngineTest, AnObserverStartingTheNextRequestInsideADataReportKeepsItWhenAnsweringZero)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 3))
+            .WillOnce(Invoke([this](int, unsigned char*, int, int) {
+                EXPECT_NE(0, m_engine->DoGet(Url("/next").c_str(), nullptr, -1));
+                return 0;
+            }));
+    }
+    Get("/first");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: 6\r\n") + "abc"));
+    EXPECT_EQ(Url("/next"), ToStd(CMLHttpEngineTestPeer::GetRequestData(*m_engine).GetURL()));
+    EXPECT_FALSE(m_engine->IsIdle()) << "the next request is under way";
+}
+
+TEST_F(EngineTest, AnObserverCancellingInsideAChunkReportGetsNoFurtherChunk)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 1))
+            .WillOnce(Invoke([this](int, unsigned char*, int, int) {
+                m_engine->CancelRequest();
+                return 1;
+            }));
+    }
+    Get("/c");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + Chunked({"abc", "def"})));
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineTest, AnObserverCancellingAtTheEndOfAChunkSplitOverReadsGetsNoFurtherChunk)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 2, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 2))
+            .WillOnce(Invoke([this](int, unsigned char*, int, int) {
+                m_engine->CancelRequest();
+                return 1;
+            }));
+    }
+    Get("/c");
+    Connect();
+    EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Transfer-Encoding: chunked\r\n") + "5\r\nab"));
+    EXPECT_EQ(3, CMLHttpEngineTestPeer::GetChunkRemainder(*m_engine));
+    EXPECT_EQ(0, Feed("cde\r\n3\r\nxyz\r\n0\r\n\r\n"));
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineTest, AnObserverReturningZeroFromABodyUntilCloseStopsItAndTheEngineIsIdle)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_RecvHeader(KId, _));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 3, 1));
+        EXPECT_CALL(m_obs, OnHttpEngine_ResponseData(KId, _, 4, 2)).WillOnce(Return(0));
+    }
+    Get("/s");
+    Connect();
+    EXPECT_EQ(1, Feed(Head("HTTP/1.1 200 OK", "Connection: close\r\n") + "abc"));
+    EXPECT_EQ(0, Feed("defg"));
+    EXPECT_TRUE(m_engine->IsIdle());
+    EXPECT_FALSE(CMLHttpEngineTestPeer::IsHeadReceived(*m_engine));
+}
+
 // ============================================================ DNS gateway
 
 class EngineGatewayTest : public EngineTest
@@ -2163,6 +2593,88 @@ TEST_F(EngineGatewayTest, AnEmptyHostLeavesTheEngineInState2WithNothingUnderWay)
 TEST_F(EngineGatewayTest, TheGatewayLookupOutsideState2IsFatal)
 {
     EXPECT_DEATH(m_engine->StartGetDNSThroughProxy(), "m_enCurHES == HES_DNSRequest.*src/MLHttpEngine");
+}
+
+TEST_F(EngineGatewayTest, AGatewayReplyWithAnUnreadableLengthEndsTheRequestWithError67)
+{
+    {
+        InSequence seq;
+        EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+        EXPECT_CALL(m_obs, OnHttpEngine_NetError(KId, velanet::KErrorLengthUnrepresentable));
+    }
+    StartAndFailLookup("badlength.test");
+    Connect();
+    EXPECT_EQ(0, Feed(Head("HTTP/1.1 200 OK", "Content-Length: abc\r\n") + "10.0.0.1;"));
+    EXPECT_EQ(CMLHttpEngine::HES_Idle, m_engine->GetState());
+    EXPECT_TRUE(m_engine->IsIdle());
+    quint32 ip = 0;
+    ASSERT_TRUE(CachedAddress("badlength.test", ip));
+    EXPECT_EQ(Ip(KSentinel), ip) << "nothing stored";
+}
+
+TEST_F(EngineGatewayTest, WithoutObserverAFailedLookupEndsSilently)
+{
+    m_engine->SetObserver(nullptr);
+    StartAndFailLookup("silent.test");
+    ASSERT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
+    Event(KNotResolvable);
+    EXPECT_EQ(CMLHttpEngine::HES_Idle, m_engine->GetState());
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineGatewayTest, AURLWithoutAnyHostLeavesTheEngineInState2WithNothingUnderWay)
+{
+    EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KLookupStarted));
+    (void)m_engine->DoGet("http://", nullptr, -1);
+    m_engine->GetSocketEngine()->CancelEngine();
+    Event(KNotResolvable);
+    EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetDNSRequestData(*m_engine).GetURL().IsEmpty());
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineGatewayTest, WithoutMemoryForTheGatewayURLNothingIsStarted)
+{
+    CacheHost("nourl.test", KSentinel);
+    ASSERT_NE(0, m_engine->DoGet(NamedUrl("nourl.test", "/page").c_str(), nullptr, -1));
+    m_engine->GetSocketEngine()->CancelEngine();
+    velatest::HeapWatch::FailNothrowAfter(0);
+    Event(KNotResolvable);
+    velatest::HeapWatch::StopFailing();
+    EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
+    EXPECT_TRUE(CMLHttpEngineTestPeer::GetDNSRequestData(*m_engine).GetURL().IsEmpty());
+    EXPECT_TRUE(m_engine->IsIdle());
+}
+
+TEST_F(EngineGatewayTest, WithoutMemoryForTheDNSCacheTheReplyStoresNothing)
+{
+    EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+    StartAndFailLookup("nomemory.test");
+    Connect();
+    // The registered cache goes away and no new one can be made.
+    CDNSCache::ReleaseRegistered();
+    unsigned char reply[] = {'1', '0', '.', '0', '.', '0', '.', '9', ';'};
+    velatest::HeapWatch::FailNothrowAfter(0);
+    m_engine->ParseDNSPDUAndStore(reply, static_cast<int>(sizeof reply));
+    velatest::HeapWatch::StopFailing();
+    quint32 ip = 0;
+    const bool found = CachedAddress("nomemory.test", ip);
+    EXPECT_FALSE(found && ip == Ip("10.0.0.9"));
+    EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
+}
+
+TEST_F(EngineGatewayTest, AnEmptyReadOfTheReplyStoresNothing)
+{
+    EXPECT_CALL(m_obs, OnHttpEngine_NetEvent(KId, KConnected));
+    StartAndFailLookup("emptyread.test");
+    Connect();
+    m_engine->ParseDNSPDUAndStore(nullptr, 9);
+    unsigned char byte = '1';
+    m_engine->ParseDNSPDUAndStore(&byte, 0);
+    quint32 ip = 0;
+    ASSERT_TRUE(CachedAddress("emptyread.test", ip));
+    EXPECT_EQ(Ip(KSentinel), ip);
+    EXPECT_EQ(CMLHttpEngine::HES_DNSRequest, m_engine->GetState());
 }
 
 // ---- what a reply stores (the reply is longer than this piece, so the
@@ -2374,6 +2886,14 @@ const ResolveRow KResolveRows[] = {
     {"g-fragment-dot-slash-x", "g#s/./x", "http://a/b/c/g#s/./x"},
     {"g-fragment-dot-dot-slash-x", "g#s/../x", "http://a/b/c/g#s/../x"},
     {"strict-http-g", "http:g", "http:g"},
+    // schemes with every kind of scheme character, and a first byte past 'z'
+    {"scheme-with-plus", "svn+ssh://h/p", "svn+ssh://h/p"},
+    {"scheme-with-dash-and-dot", "a-b.c:x", "a-b.c:x"},
+    {"tilde-first", "~u/x", "http://a/b/c/~u/x"},
+    // empty query; a network path ended by a query or a fragment
+    {"g-empty-query", "g?", "http://a/b/c/g?"},
+    {"network-path-query", "//g?y", "http://g?y"},
+    {"network-path-fragment", "//g#s", "http://g#s"},
     // an empty Location is used as it stands
     {"empty", "", ""},
 };
@@ -2390,6 +2910,62 @@ TEST(ResolveLocationBaseTest, AReferenceAgainstAnAuthorityWithoutPathGetsALeadin
     const char base[] = "http://h:8080";
     const char ref[] = "x.html";
     EXPECT_EQ("http://h:8080/x.html", ToStd(velanet::ResolveLocation(base, 13, ref, 6)));
+}
+
+// Bases other than a URL with authority and path (RFC 3986, section 5.2.2
+// with an undefined scheme, authority or path).
+struct BaseRow
+{
+    const char* name;
+    const char* base;  // may be null
+    int baseLen;
+    const char* reference;
+    const char* target;
+};
+
+void PrintTo(const BaseRow& row, std::ostream* os)
+{
+    *os << row.name << " \"" << (row.base ? row.base : "(null)") << "\" + \"" << row.reference << "\"";
+}
+
+class ResolveAgainstBaseTest : public ::testing::TestWithParam<BaseRow>
+{
+};
+
+TEST_P(ResolveAgainstBaseTest, MergesWithWhatTheBaseHas)
+{
+    const BaseRow& row = GetParam();
+    const std::string ref = row.reference;
+    std::unique_ptr<char[]> r(new char[ref.size() + 1]);
+    std::copy(ref.begin(), ref.end(), r.get());
+    EXPECT_EQ(std::string(row.target),
+              ToStd(velanet::ResolveLocation(row.base, row.baseLen, r.get(), static_cast<int>(ref.size()))));
+}
+
+const BaseRow KBaseRows[] = {
+    {"null-base-query", nullptr, 5, "?q", "?q"},
+    {"null-base-path", nullptr, 0, "g/h", "g/h"},
+    {"negative-base-length", "http://a/b", -1, "g", "g"},
+    {"empty-base-dot-dot-slash", "", 0, "../a", "a"},
+    {"empty-base-dot-slash", "", 0, "./a", "a"},
+    {"empty-base-dot", "", 0, ".", ""},
+    {"empty-base-dot-dot", "", 0, "..", ""},
+    {"base-without-authority", "mailto:x/y", 10, "z", "mailto:x/z"},
+    {"base-without-scheme", "p/q", 3, "r", "p/r"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Bases, ResolveAgainstBaseTest, ::testing::ValuesIn(KBaseRows),
+                         [](const ::testing::TestParamInfo<BaseRow>& info) {
+                             std::string name = info.param.name;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
+
+TEST(ResolveLocationBaseTest, ANullOrEmptyLocationIsEmpty)
+{
+    const char base[] = "http://a/b";
+    EXPECT_EQ("", ToStd(velanet::ResolveLocation(base, 10, nullptr, 4)));
+    EXPECT_EQ("", ToStd(velanet::ResolveLocation(base, 10, "/x", 0)));
 }
 
 // ---- which redirect targets the engine can request
@@ -2446,6 +3022,9 @@ const RequestableRow KRequestableRows[] = {
     {"control-byte", "http://h/\x01", false},
     {"del-byte", "http://h/\x7f", false},
     {"byte-past-ascii", "http://h/\xc3\xa9", true},
+    {"digit-in-scheme", "h1tp://h/", false},
+    {"port-with-symbol", "http://h:8!/", false},
+    {"ipv6-literal-then-junk", "http://[::1]x/", false},
 };
 
 INSTANTIATE_TEST_SUITE_P(Targets, RequestableUrlTest, ::testing::ValuesIn(KRequestableRows),
@@ -2465,6 +3044,7 @@ TEST(RemoveDotSegmentsTest, FollowsTheRfcExamples)
     EXPECT_EQ("/a/g", ToStd(velanet::RemoveDotSegments("/a/b/c/./../../g", 16)));
     EXPECT_EQ("mid/6", ToStd(velanet::RemoveDotSegments("mid/content=5/../6", 18)));
     EXPECT_EQ("", ToStd(velanet::RemoveDotSegments(nullptr, 3)));
+    EXPECT_EQ("", ToStd(velanet::RemoveDotSegments("/a/b", 0)));
 }
 
 TEST(SplitUriReferenceTest, FindsEveryPart)
@@ -2485,6 +3065,19 @@ TEST(SplitUriReferenceTest, FindsEveryPart)
     const velanet::UriParts r = velanet::SplitUriReference(relative, 6);
     EXPECT_EQ(-1, r.schemeStart);
     EXPECT_EQ(6, r.pathLen);
+}
+
+TEST(SplitUriReferenceTest, NoTextHasNoParts)
+{
+    for (const velanet::UriParts& parts :
+         {velanet::SplitUriReference(nullptr, 5), velanet::SplitUriReference("http://h/", 0)}) {
+        EXPECT_EQ(-1, parts.schemeStart);
+        EXPECT_EQ(-1, parts.authorityStart);
+        EXPECT_EQ(0, parts.pathStart);
+        EXPECT_EQ(0, parts.pathLen);
+        EXPECT_EQ(-1, parts.queryStart);
+        EXPECT_EQ(-1, parts.fragmentStart);
+    }
 }
 
 }  // namespace
