@@ -1989,12 +1989,17 @@ TEST_F(SocketEngineTest, WithoutMemoryForTheCacheAnEmptyAnswerReports36)
         EXPECT_CALL(observer, OnSocketEngine_SocketEvent(36, 0));
     }
     SetName(*engine, "no-cache-host.invalid");
-    ASSERT_EQ(1, engine->ConnectL());
+    velatest::HeapWatch::FailNothrowAfter(0);
+    const int started = engine->ConnectL();
+    velatest::HeapWatch::StopFailing();
+    ASSERT_EQ(1, started);
     QHostInfo answer(Peer::LookupId(*engine));
     answer.setHostName(QStringLiteral("no-cache-host.invalid"));
     velatest::HeapWatch::FailNothrowAfter(0);
     Peer::GiveLookupAnswer(*engine, answer);
     velatest::HeapWatch::StopFailing();
+    // Without a cache there is no older entry to fall back on.
+    EXPECT_EQ(nullptr, CQInstance::Instance()->GetByUid(CDNSCache::KUidDNSCache));
     EXPECT_EQ(CQHttpSocketEngine::HSES_Idle, Status());
 }
 
