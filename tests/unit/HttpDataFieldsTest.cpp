@@ -5,6 +5,7 @@
 #include "src/HttpData.h"
 #include "src/internal/HeadMatch_p.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -1169,6 +1170,28 @@ TEST(Cookies, NullOrEmptyBufferFails)
     EXPECT_EQ("ret=-1", ParseCookies(nullptr, 10));
     Bytes empty(std::string(""));
     EXPECT_EQ("ret=-1", ParseCookies(empty.Data(), 0));
+}
+
+// Each allocation of taking a line fails in turn (the line, its text, the
+// first block of the record's empty list): the line is taken or left out.
+TEST(Cookies, AnAllocationThatFailsLeavesTheLineOut)
+{
+    Bytes bytes(std::string("HTTP/1.1 200 OK\r\nSet-Cookie: a=1\r\n\r\n"));
+    int skip = 0;
+    for (; skip < 16; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CHttpResponseHead head;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = CHttpData::GetCookie(bytes.Data(), bytes.Len(), head);
+        velatest::HeapWatch::StopFailing();
+        EXPECT_EQ(1, result);
+        const std::vector<std::string> lines = Lines(head);
+        if (!lines.empty()) {
+            EXPECT_EQ(std::vector<std::string>{" a=1"}, lines);
+            break;
+        }
+    }
+    EXPECT_EQ(3, skip);
 }
 
 TEST(Cookies, EveryPrefixGivesTheCompleteLinesSoFar)

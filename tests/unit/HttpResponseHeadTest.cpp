@@ -3,6 +3,7 @@
 #include "src/CookieHolder.h"
 #include "src/HttpData.h"
 
+#include "support/HeapWatch.h"
 #include "support/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -307,6 +308,28 @@ TEST(HttpResponseHead, SaturatedIntAtBothEdges)
     };
     for (const auto& row : rows)
         EXPECT_EQ(row.expected, CHttpResponseHead::SaturatedInt(row.value)) << row.value;
+}
+
+// Each allocation of copying a line fails in turn (the copy, its text, the
+// first block of the empty target list): the line is copied or left out.
+TEST(HttpResponseHead, AnAllocationThatFailsLeavesTheLineOut)
+{
+    CHttpResponseHead source;
+    AddLine(source, "s1=1");
+    int skip = 0;
+    for (; skip < 16; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CHttpResponseHead target;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        target = source;
+        velatest::HeapWatch::StopFailing();
+        const std::vector<std::string> lines = Lines(target);
+        if (!lines.empty()) {
+            EXPECT_EQ(std::vector<std::string>{"s1=1"}, lines);
+            break;
+        }
+    }
+    EXPECT_EQ(3, skip);
 }
 
 TEST(HttpResponseHeadDeathTest, ResetWithANullLineIsFatal)
