@@ -6,6 +6,9 @@
 
 #include <QString>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <climits>
 #include <cstring>
 #include <ostream>
@@ -2075,4 +2078,104 @@ TEST(StringStorage, ReserveThatRunsOutOfMemoryKeepsTheText)
     velatest::HeapWatch::StopFailing();
     EXPECT_EQ(0, result);
     EXPECT_EQ(std::string("kept"), std::string(text.Data(), static_cast<size_t>(text.Length())));
+}
+
+// ------------------------------------------------ texts longer than a string
+
+namespace {
+
+// A NUL-terminated text of length characters 'a', longer than any string
+// may be, that costs a few megabytes: one block of characters mapped again
+// and again over the address range, then a private block with the
+// terminator. Ok() is false where the system cannot do that.
+template <class CharT>
+class LongText
+{
+public:
+    explicit LongText(std::size_t length)
+    {
+        const std::size_t bytes = (length + 1) * sizeof(CharT);
+        const std::size_t blocks = (bytes + KBlock - 1) / KBlock;
+        m_size = blocks * KBlock;
+        void* area = ::mmap(nullptr, m_size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (area == MAP_FAILED)
+            return;
+        m_area = static_cast<unsigned char*>(area);
+        const int fd = ::memfd_create("long-text", 0);
+        if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(KBlock)) != 0)
+            return;
+        bool mapped = Fill(::mmap(nullptr, KBlock, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        for (std::size_t i = 0; mapped && i + 1 < blocks; ++i)
+            mapped = ::mmap(m_area + i * KBlock, KBlock, PROT_READ, MAP_SHARED | MAP_FIXED, fd, 0) != MAP_FAILED;
+        ::close(fd);
+        unsigned char* last = m_area + (blocks - 1) * KBlock;
+        if (!mapped || ::mmap(last, KBlock, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) ==
+                           MAP_FAILED)
+            return;
+        static_cast<void>(Fill(last, false));
+        reinterpret_cast<CharT*>(m_area)[length] = CharT();
+        m_ok = true;
+    }
+    ~LongText()
+    {
+        if (m_area)
+            ::munmap(m_area, m_size);
+    }
+    LongText(const LongText&) = delete;
+    LongText& operator=(const LongText&) = delete;
+
+    bool Ok() const { return m_ok; }
+    const CharT* Get() const { return reinterpret_cast<const CharT*>(m_area); }
+
+private:
+    static constexpr std::size_t KBlock = 2u << 20;
+
+    // Fills a block with 'a'; unmaps it afterwards when it was mapped for that alone.
+    static bool Fill(void* block, bool unmap = true)
+    {
+        if (block == MAP_FAILED)
+            return false;
+        CharT* chars = static_cast<CharT*>(block);
+        for (std::size_t i = 0; i < KBlock / sizeof(CharT); ++i)
+            chars[i] = CharT('a');
+        if (unmap)
+            ::munmap(block, KBlock);
+        return true;
+    }
+
+    unsigned char* m_area = nullptr;
+    std::size_t m_size = 0;
+    bool m_ok = false;
+};
+
+}  // namespace
+
+// One character more than the longest string: refused, the old text kept.
+TEST(CQWString, TextLongerThanAStringIsRefused)
+{
+    const int longest = velanet::StringStorage<wchar_t>::KMaxLength;
+    const LongText<wchar_t> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1 << " characters";
+    CQWString w(L"kept");
+    EXPECT_EQ(0, w.SetData(text.Get()));
+    EXPECT_EQ(0, w.AppendData(text.Get()));
+    EXPECT_EQ(0, w.Replace(L"e", text.Get()));
+    EXPECT_EQ(L"kept", Wide(w));
+}
+
+TEST(CQSString, TextLongerThanAStringIsRefused)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    CQSString s("[kept]");
+    EXPECT_EQ(0, s.SetData(text.Get()));
+    EXPECT_EQ(0, s.AppendData(text.Get()));
+    CQSString out("x");
+    EXPECT_EQ(-1, s.GetSubString(out, text.Get(), "]", 0));
+    EXPECT_EQ(-1, s.GetSubString(out, "[", text.Get(), 0));
+    EXPECT_EQ("", Bytes(out));
+    EXPECT_EQ("[kept]", Bytes(s));
 }
