@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -132,6 +133,10 @@ bool WriteCookieRecord(CQFile& file, const CQSString& name, const CQSString& val
 {
     CQSString expiry;
     expiry.ToString(expires);
+    // Every number has a digit: an empty text means it could not be made, and
+    // a record without its expiry would read back as a session cookie.
+    if (expiry.IsEmpty())
+        return false;
     return WriteLine(file, name) && WriteLine(file, value) && WriteLine(file, domain) && WriteLine(file, expiry);
 }
 
@@ -147,19 +152,25 @@ bool QCookie::SetCookie(const CQSString* name, const CQSString* value, unsigned 
 {
     if (name == nullptr || value == nullptr)
         return false;
+    // Copied first, so a copy that cannot be allocated changes nothing.
+    CQSString valueCopy(*value);
+    if (valueCopy.GetLength() != value->GetLength())
+        return false;
     if (QCookieValue* existing = values.get(*name)) {
         existing->expires = expires;
-        existing->value = *value;
+        existing->value = std::move(valueCopy);
     } else {
         if (values.GetCount() >= KMaxCookiesPerDomain)
             return false;
-        QCookieValue* fresh = new (std::nothrow) QCookieValue;
-        if (fresh == nullptr)
+        std::unique_ptr<QCookieValue> fresh(new (std::nothrow) QCookieValue);
+        if (!fresh)
             return false;
         fresh->expires = expires;
         fresh->name = *name;
-        fresh->value = *value;
-        if (!PutOwned(values, *name, fresh))
+        if (fresh->name.GetLength() != name->GetLength())
+            return false;
+        fresh->value = std::move(valueCopy);
+        if (!PutOwned(values, *name, fresh.release()))
             return false;
     }
     modified = modifiedFlag;
@@ -309,6 +320,11 @@ int QCookieHolder::ParseCookie(const CQSString& url, const CQSString& text)
     const CQSString key(domain);
     const CQSString nameText(name);
     const CQSString valueText(value);
+    // A copy that could not be allocated is empty and would store the wrong cookie.
+    if (key.GetLength() != static_cast<int>(std::strlen(domain)) ||
+        nameText.GetLength() != static_cast<int>(std::strlen(name)) ||
+        valueText.GetLength() != static_cast<int>(std::strlen(value)))
+        return KCookieIgnored;
     if (QCookie* cookie = cookies.get(key))
         return cookie->SetCookie(&nameText, &valueText, expires, true) ? KCookieStored : KCookieIgnored;
 

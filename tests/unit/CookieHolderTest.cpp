@@ -1503,6 +1503,33 @@ TEST_F(CookieHolderTest, AnAllocationThatFailsStoresTheCookieWholeOrNotAtAll)
     }
 }
 
+// Each allocation of ParseCookie fails in turn for a name already held: the
+// new value and expiry are stored whole, or the old ones stay and the
+// cookie is reported as not stored.
+TEST_F(CookieHolderTest, AnAllocationThatFailsKeepsTheHeldValue)
+{
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        QCookieHolder holder;
+        ASSERT_EQ(1, Parse(holder, "//d.org/", "k=old"));
+        const CQSString url("//d.org/");
+        const CQSString text((std::string("k=new; expires=") + KFutureDate).c_str());
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = holder.ParseCookie(url, text);
+        velatest::HeapWatch::StopFailing();
+        const std::vector<QCookieValue> served = CookiesFor(holder, "d.org");
+        if (result == 1) {
+            EXPECT_EQ(std::vector<QCookieValue>{Cookie("k", "new", KFuture)}, served);
+            break;
+        }
+        EXPECT_EQ(0, result);
+        EXPECT_EQ(std::vector<QCookieValue>{Cookie("k", "old", 0)}, served);
+    }
+    EXPECT_GT(skip, 0);
+    EXPECT_LT(skip, 64);
+}
+
 // Each allocation of a lookup fails in turn: fewer cookies may be served,
 // never a wrong one.
 TEST_F(CookieHolderTest, AnAllocationThatFailsServesFewerCookiesNeverOthers)
@@ -1541,6 +1568,32 @@ TEST_F(CookieHolderTest, SavingWithoutMemoryWritesNothing)
     EXPECT_EQ(QStringList(), Listing());
     holder.Save2File();
     EXPECT_EQ(Record("k", "v", "a.org", 0), Contents(CookieFile("zorb@a.org.txt")));
+}
+
+// Each allocation of saving a changed persistent cookie fails in turn: the
+// file holds the old record or the new one, never one without its expiry.
+TEST_F(CookieHolderTest, AnAllocationThatFailsWhileSavingKeepsTheOldFile)
+{
+    const QByteArray old = Record("k", "v", "a.org", KFuture);
+    const QByteArray fresh = Record("k", "w", "a.org", KFuture);
+    int skip = 0;
+    for (; skip < 64; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        PutFile("zorb@a.org.txt", old);
+        QCookieHolder holder;
+        holder.ConstructL(Base());
+        ASSERT_EQ(1, Parse(holder, "//a.org/", (std::string("k=w; expires=") + KFutureDate).c_str()));
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        holder.Save2File();
+        velatest::HeapWatch::StopFailing();
+        EXPECT_EQ(QStringList{"zorb@a.org.txt"}, Listing());
+        const QByteArray now = Contents(CookieFile("zorb@a.org.txt"));
+        if (now == fresh)
+            break;
+        EXPECT_EQ(Visible(old), Visible(now));
+    }
+    EXPECT_GT(skip, 0);
+    EXPECT_LT(skip, 64);
 }
 
 TEST_F(CookieHolderTest, ParsingWithoutMemoryStoresNothing)
