@@ -482,18 +482,25 @@ void CHttpData::BuildCookieLine(CQSString& line) const
     const std::unique_ptr<CQHashTable<QCookieValue>> table(m_pCookieHolder->GetCookie(lowerHost, true));
     if (!table || table->GetCount() == 0)
         return;
+    // The snapshot is an allocation of its own: without it no cookie goes out.
     QCookieValue** cookies = table->getall();
-    line.SetData("Cookie: ");
-    for (int i = 0; i < table->GetCount(); ++i) {
+    if (cookies == nullptr)
+        return;
+    // A line cut short by a failed append would corrupt the head: all or none.
+    bool whole = line.SetData("Cookie: ") != 0;
+    for (int i = 0; whole && i < table->GetCount(); ++i) {
         if (i > 0)
-            line.AppendChar(';');
+            whole = line.AppendChar(';') != 0;
         const QCookieValue* cookie = cookies[i];
-        line.AppendData(reinterpret_cast<const unsigned char*>(cookie->name.GetDataPtr()), cookie->name.GetLength());
-        line.AppendChar('=');
-        line.AppendData(reinterpret_cast<const unsigned char*>(cookie->value.GetDataPtr()),
-                        cookie->value.GetLength());
+        whole = whole &&
+                line.AppendData(reinterpret_cast<const unsigned char*>(cookie->name.GetDataPtr()),
+                                cookie->name.GetLength()) != 0 &&
+                line.AppendChar('=') != 0 &&
+                line.AppendData(reinterpret_cast<const unsigned char*>(cookie->value.GetDataPtr()),
+                                cookie->value.GetLength()) != 0;
     }
-    line.AppendData(KCrLf);
+    if (!whole || line.AppendData(KCrLf) == 0)
+        line.Empty();
 }
 
 // What the GET and POST heads share before their lines are written.
@@ -831,7 +838,8 @@ CHttpResponseHead& CHttpResponseHead::operator=(const CHttpResponseHead& other)
         if (!line)
             continue;
         CQSString* copy = new (std::nothrow) CQSString(*line);
-        if (copy && !m_listCookies.AddTail(copy))
+        // A copy whose text could not be allocated is empty: leave it out.
+        if (copy && (copy->GetLength() != line->GetLength() || !m_listCookies.AddTail(copy)))
             delete copy;
     }
     m_strCurPageURL = other.m_strCurPageURL;
@@ -1146,7 +1154,8 @@ int CHttpData::GetCookie(const unsigned char* buf, int len, CHttpResponseHead& h
     int at = FindNoCase(buf, len, KFieldSetCookie);
     while (at != KNotFound && ValueAt(buf, len, at, KFieldSetCookie.len, value)) {
         CQSString* line = new (std::nothrow) CQSString(ValueOf(buf, value));
-        if (line && !head.m_listCookies.AddTail(line))
+        // A line whose text could not be allocated is empty: leave it out.
+        if (line && (line->GetLength() != value.Length() || !head.m_listCookies.AddTail(line)))
             delete line;
         at = FindNoCase(buf, len, KFieldSetCookie, value.start);
     }

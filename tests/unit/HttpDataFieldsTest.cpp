@@ -1194,6 +1194,29 @@ TEST(Cookies, AnAllocationThatFailsLeavesTheLineOut)
     EXPECT_EQ(3, skip);
 }
 
+// With two lines, each allocation fails in turn, also once the list has
+// room: a line whose text cannot be taken is left out, never kept empty.
+TEST(Cookies, AnAllocationThatFailsNeverTakesALineEmpty)
+{
+    Bytes bytes(std::string("HTTP/1.1 200 OK\r\nSet-Cookie: a=1\r\nSet-Cookie: b=2\r\n\r\n"));
+    const std::vector<std::string> whole{" a=1", " b=2"};
+    int skip = 0;
+    for (; skip < 32; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CHttpResponseHead head;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const int result = CHttpData::GetCookie(bytes.Data(), bytes.Len(), head);
+        velatest::HeapWatch::StopFailing();
+        EXPECT_EQ(1, result);
+        const std::vector<std::string> lines = Lines(head);
+        for (const std::string& line : lines)
+            EXPECT_TRUE(std::find(whole.begin(), whole.end(), line) != whole.end()) << "[" << line << "]";
+        if (lines == whole)
+            break;
+    }
+    EXPECT_LT(skip, 32);
+}
+
 TEST(Cookies, EveryPrefixGivesTheCompleteLinesSoFar)
 {
     const std::string text = "HTTP/1.1 200 OK\r\nSet-Cookie: a=1\r\nSet-Cookie: b=2\r\n\r\n";

@@ -854,6 +854,38 @@ TEST_F(HttpDataCookieTest, WithoutMemoryForTheCookieLookupThereIsNoHead)
     delete[] bytes;
 }
 
+// Each allocation of a GET with cookies fails in turn, the cookie snapshot
+// among them: the head is whole, lacks only its Cookie line, or is not built.
+TEST_F(HttpDataCookieTest, AnAllocationThatFailsLeavesOutTheCookieLineOrTheHead)
+{
+    Store("http://srv.test/", "sid=ab12");
+    data.SetURL("http://srv.test/news");
+    const std::string whole = Get(data);
+    const std::string cookieLine = "Cookie: sid=ab12\r\n";
+    const std::size_t at = whole.find(cookieLine);
+    ASSERT_NE(std::string::npos, at);
+    const std::string withoutCookie = whole.substr(0, at) + whole.substr(at + cookieLine.size());
+    int skip = 0;
+    for (; skip < 200; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        int len = -7;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        unsigned char* bytes = data.GetMethodData(CHttpData::KMethodGet, len, 0, 0);
+        velatest::HeapWatch::StopFailing();
+        const std::unique_ptr<unsigned char[]> owned(bytes);
+        if (!bytes) {
+            EXPECT_EQ(-7, len);
+            continue;
+        }
+        const std::string got(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(len));
+        if (got == whole)
+            break;
+        EXPECT_EQ(velatest::Visible(QByteArray::fromStdString(withoutCookie)),
+                  velatest::Visible(QByteArray::fromStdString(got)));
+    }
+    EXPECT_LT(skip, 200);
+}
+
 TEST_F(HttpDataCookieTest, UrlsWithoutAHostNameSendNoCookieLine)
 {
     Store("http://srv.test/", "sid=ab12");

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <memory>
@@ -330,6 +331,30 @@ TEST(HttpResponseHead, AnAllocationThatFailsLeavesTheLineOut)
         }
     }
     EXPECT_EQ(3, skip);
+}
+
+// With two lines, each allocation fails in turn, also once the list has
+// room: a line whose text cannot be copied is left out, never kept empty.
+TEST(HttpResponseHead, AnAllocationThatFailsNeverCopiesALineEmpty)
+{
+    CHttpResponseHead source;
+    AddLine(source, "s1=1");
+    AddLine(source, "s2=2");
+    const std::vector<std::string> whole{"s1=1", "s2=2"};
+    int skip = 0;
+    for (; skip < 32; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        CHttpResponseHead target;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        target = source;
+        velatest::HeapWatch::StopFailing();
+        const std::vector<std::string> lines = Lines(target);
+        for (const std::string& line : lines)
+            EXPECT_TRUE(std::find(whole.begin(), whole.end(), line) != whole.end()) << "[" << line << "]";
+        if (lines == whole)
+            break;
+    }
+    EXPECT_LT(skip, 32);
 }
 
 TEST(HttpResponseHeadDeathTest, ResetWithANullLineIsFatal)
