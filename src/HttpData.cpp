@@ -1287,6 +1287,73 @@ void PutPartText(velanet::ByteWriter& w, const CQSString& s)
     w.Put(s.GetDataPtr(), s.GetLength());
 }
 
+// The writers below allocate nothing, so the sizing and the writing pass
+// always agree; their inputs are made once, before the first pass.
+
+void PutFilePartHead(velanet::ByteWriter& w, const CQSString& name, const CQSString& fileName)
+{
+    w.PutLiteral(KPartDelimiterLine);
+    w.PutLiteral(KPartDispositionStart);
+    PutPartText(w, name);
+    w.PutLiteral(KPartFileNameStart);
+    PutPartText(w, fileName);
+    w.PutLiteral("\"");
+    w.PutLiteral(KCrLf);
+    w.PutLiteral(KPartOctetStreamLine);
+    w.PutLiteral(KCrLf);
+}
+
+void PutFieldPart(velanet::ByteWriter& w, const char* key, int keyLen, const char* value, int valueLen)
+{
+    w.PutLiteral(KPartDelimiterLine);
+    w.PutLiteral(KPartDispositionStart);
+    w.Put(key, keyLen);
+    w.PutLiteral("\"");
+    w.PutLiteral(KCrLf);
+    w.PutLiteral(KPartTextPlainLine);
+    w.PutLiteral(KCrLf);
+    w.Put(value, valueLen);
+    w.PutLiteral(KCrLf);
+}
+
+// Offset of the first c at or after from, or -1.
+int FindChar(const CQSString& text, char c, int from)
+{
+    const void* hit = std::memchr(text.GetDataPtr() + from, c, static_cast<size_t>(text.GetLength() - from));
+    return hit ? static_cast<int>(static_cast<const char*>(hit) - text.GetDataPtr()) : -1;
+}
+
+// "&" fields "&": every key then follows an "&" and every value ends at
+// one. The key runs to the next "=", the value from that "=" to the next
+// "&", so a value may hold "=" and a trailing "b" without "=" is no pair.
+[[nodiscard]] bool WrapFields(const CQSString& formFields, CQSString& wrapped)
+{
+    return wrapped.SetData("&") != 0 &&
+           wrapped.AppendData(reinterpret_cast<const unsigned char*>(formFields.GetDataPtr()),
+                              formFields.GetLength()) != 0 &&
+           wrapped.AppendChar('&') != 0;
+}
+
+void PutFieldParts(velanet::ByteWriter& w, const CQSString& wrapped)
+{
+    int pos = 0;
+    for (;;) {
+        const int keyAmp = FindChar(wrapped, '&', pos);
+        if (keyAmp < 0)
+            break;
+        const int equals = FindChar(wrapped, '=', keyAmp + 1);
+        if (equals < 0)
+            break;
+        const int valueAmp = FindChar(wrapped, '&', equals + 1);
+        if (valueAmp < 0)
+            break;
+        const char* text = wrapped.GetDataPtr();
+        PutFieldPart(w, text + keyAmp + 1, equals - keyAmp - 1, text + equals + 1, valueAmp - equals - 1);
+        // The "&" that ended the value starts the next key.
+        pos = valueAmp;
+    }
+}
+
 }  // namespace
 
 int CHttpData::CopyHttpHeader_PostFile_ContentType(unsigned char* out)
@@ -1300,73 +1367,42 @@ int CHttpData::CopyHttpHeader_PostFile_ContentDisposition(const CQWString& name,
                                                          unsigned char* out)
 {
     CQSString narrowName;
-    narrowName.SetData(&name);
+    static_cast<void>(narrowName.SetData(&name));
     CQSString narrowFileName;
-    narrowFileName.SetData(&fileName);
+    static_cast<void>(narrowFileName.SetData(&fileName));
     velanet::ByteWriter w(out);
-    w.PutLiteral(KPartDelimiterLine);
-    w.PutLiteral(KPartDispositionStart);
-    PutPartText(w, narrowName);
-    w.PutLiteral(KPartFileNameStart);
-    PutPartText(w, narrowFileName);
-    w.PutLiteral("\"");
-    w.PutLiteral(KCrLf);
-    w.PutLiteral(KPartOctetStreamLine);
-    w.PutLiteral(KCrLf);
+    PutFilePartHead(w, narrowName, narrowFileName);
     return w.Count();
 }
 
 int CHttpData::CopyHttpHeader_PostFile_FileInfo(const CQSString& key, const CQSString& value, unsigned char* out)
 {
     velanet::ByteWriter w(out);
-    w.PutLiteral(KPartDelimiterLine);
-    w.PutLiteral(KPartDispositionStart);
-    PutPartText(w, key);
-    w.PutLiteral("\"");
-    w.PutLiteral(KCrLf);
-    w.PutLiteral(KPartTextPlainLine);
-    w.PutLiteral(KCrLf);
-    PutPartText(w, value);
-    w.PutLiteral(KCrLf);
+    PutFieldPart(w, key.GetDataPtr(), key.GetLength(), value.GetDataPtr(), value.GetLength());
     return w.Count();
 }
 
 int CHttpData::CopyHttpHeader_PostFile_AllFileInfo(const CQSString& formFields, unsigned char* out)
 {
-    if (formFields.IsEmpty())
+    CQSString wrapped;
+    if (formFields.IsEmpty() || !WrapFields(formFields, wrapped))
         return 0;
-    // "&" fields "&": every key then follows an "&" and every value ends at
-    // one. The key runs to the next "=", the value from that "=" to the next
-    // "&", so a value may hold "=" and a trailing "b" without "=" is no pair.
-    CQSString wrapped("&");
-    wrapped.AppendData(reinterpret_cast<const unsigned char*>(formFields.GetDataPtr()), formFields.GetLength());
-    wrapped.AppendChar('&');
-
-    int total = 0;
-    int pos = 0;
-    CQSString key;
-    CQSString value;
-    for (;;) {
-        const int keyStart = wrapped.GetSubString(key, '&', '=', pos);
-        if (keyStart < 0)
-            break;
-        const int valueStart = wrapped.GetSubString(value, '=', '&', keyStart + key.GetLength());
-        if (valueStart < 0)
-            break;
-        total += CopyHttpHeader_PostFile_FileInfo(key, value, PartOut(out, total));
-        // The "&" that ended the value starts the next key.
-        pos = valueStart + value.GetLength();
-    }
-    return total;
+    velanet::ByteWriter w(out);
+    PutFieldParts(w, wrapped);
+    return w.Count();
 }
 
 unsigned char* CHttpData::GetPostFileInfoData(const CQSString& formFields, int& len)
 {
     len = 0;
+    CQSString wrapped;
+    if (!formFields.IsEmpty() && !WrapFields(formFields, wrapped))
+        return nullptr;
     const auto writeTrailer = [&](unsigned char* out) {
-        int n = CopyHttpHeader_NewLineFlag(1, out);
-        n += CopyHttpHeader_PostFile_AllFileInfo(formFields, PartOut(out, n));
+        const int n = CopyHttpHeader_NewLineFlag(1, out);
         velanet::ByteWriter w(PartOut(out, n));
+        if (!wrapped.IsEmpty())
+            PutFieldParts(w, wrapped);
         w.PutLiteral(KPartClosingDelimiter);
         return n + w.Count();
     };
@@ -1391,8 +1427,18 @@ bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit&
     unsigned char* trailer = GetPostFileInfoData(unit.m_strData, trailerLen);
     if (!trailer)
         return false;
-    const int dispositionLen =
-        CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, nullptr);
+    CQSString name;
+    CQSString fileName;
+    if (name.SetData(&unit.m_strFieldName) == 0 || fileName.SetData(&unit.m_strFilePath) == 0) {
+        delete[] trailer;
+        return false;
+    }
+    const auto writeFilePartHead = [&](unsigned char* out) {
+        velanet::ByteWriter w(out);
+        PutFilePartHead(w, name, fileName);
+        return w.Count();
+    };
+    const int dispositionLen = writeFilePartHead(nullptr);
     const long long fileSize = unit.GetFileSize64();
     if (fileSize < 0 || fileSize > LLONG_MAX - dispositionLen - trailerLen) {
         // No length this library can announce.
@@ -1409,7 +1455,7 @@ bool CHttpData::GetPostFileMethodData(bool absoluteTarget, CQPostFileHeaderUnit&
         n += CopyHttpHeader_PostFile_ContentType(PartOut(out, n));
         n += CopyHttpHeader_ContentLength64(contentLength, PartOut(out, n));
         n += CopyHttpHeader_NewLineFlag(1, PartOut(out, n));
-        n += CopyHttpHeader_PostFile_ContentDisposition(unit.m_strFieldName, unit.m_strFilePath, PartOut(out, n));
+        n += writeFilePartHead(PartOut(out, n));
         return n;
     };
     const int nTotalLen = writeHead(nullptr);

@@ -413,6 +413,58 @@ TEST_F(PostFileHead, AnAllocationThatFailsHandsTheUnitNothing)
     EXPECT_LT(skip, 16);
 }
 
+// Every allocation of a trailer with a field fails in turn: the trailer is
+// whole or not there, never a buffer the two passes disagree on.
+TEST_F(HttpDataPostFile, AnAllocationThatFailsGivesTheWholeTrailerOrNone)
+{
+    const CQSString fields("a=1");
+    const std::string expected = "\r\n" + FieldPart("a", "1") + KClosing;
+    int skip = 0;
+    for (; skip < 16; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        int len = -7;
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        unsigned char* trailer = data.GetPostFileInfoData(fields, len);
+        velatest::HeapWatch::StopFailing();
+        std::unique_ptr<unsigned char[]> owned(trailer);
+        if (trailer) {
+            EXPECT_EQ(Visible(expected), Visible(Str(trailer, len)));
+            break;
+        }
+        EXPECT_EQ(0, len);
+    }
+    EXPECT_GT(skip, 0);
+    EXPECT_LT(skip, 16);
+}
+
+// The same with named parts and a field: the name narrowing and the field
+// parsing fail in turn too, and the unit gets both buffers whole or none.
+TEST_F(PostFileHead, AnAllocationThatFailsWithNamesAndFieldsHandsTheUnitNothing)
+{
+    data.SetURL("http://srv.test/up");
+    Fill("a=1", 7, L"/p.jpg", L"file");
+    const std::string partHead = FilePartHead("file", "/p.jpg");
+    const std::string trailer = "\r\n" + FieldPart("a", "1") + KClosing;
+    const long long n = static_cast<long long>(partHead.size()) + 7 + static_cast<long long>(trailer.size());
+    const std::string head = RequestHead("POST /up HTTP/1.1", "srv.test", n) + partHead;
+    int skip = 0;
+    for (; skip < 32; ++skip) {
+        SCOPED_TRACE("allocation " + std::to_string(skip) + " fails");
+        velatest::HeapWatch::FailNothrowAfter(skip);
+        const bool built = data.GetPostFileMethodData(false, unit);
+        velatest::HeapWatch::StopFailing();
+        if (built) {
+            EXPECT_EQ(Visible(head), Visible(Head()));
+            EXPECT_EQ(Visible(trailer), Visible(Trailer()));
+            break;
+        }
+        EXPECT_EQ(nullptr, unit.m_pHeaderData);
+        EXPECT_EQ(nullptr, unit.m_pInfoData);
+    }
+    EXPECT_GE(skip, 2);
+    EXPECT_LT(skip, 32);
+}
+
 TEST_F(PostFileHead, AFilePast4GiBIsAnnouncedWhole)
 {
     data.SetURL("http://srv.test/up");
