@@ -48,6 +48,20 @@ int TextLength(const CharT* text)
     return n > static_cast<size_t>(velanet::StringStorage<CharT>::KMaxLength) ? -1 : static_cast<int>(n);
 }
 
+// Length of a NUL-terminated text, reading no more than limit characters
+// (limit when it is at least that long); 0 for null. Comparing with a string
+// needs no more than one character past its length, however long the text is.
+template <class CharT>
+size_t TextLengthUpTo(const CharT* text, size_t limit)
+{
+    size_t n = 0;
+    if (text) {
+        while (n < limit && text[n])
+            ++n;
+    }
+    return n;
+}
+
 // Index of pattern[0..patLen) in data[0..len) at or after start; -1 if absent.
 int FindBytes(const char* data, int len, const char* pattern, int patLen, int start)
 {
@@ -224,11 +238,11 @@ int CQSString::GetAt(int index) const
 
 int CQSString::Compare(const char* text) const
 {
-    const int len = TextLength(text);
-    const int ownLen = GetLength();
-    const int common = std::min(len, ownLen);
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(text, ownLen + 1);
+    const size_t common = std::min(len, ownLen);
     if (common > 0) {
-        const int r = std::memcmp(GetDataPtr(), text, static_cast<size_t>(common));
+        const int r = std::memcmp(GetDataPtr(), text, common);
         if (r != 0)
             return r < 0 ? -1 : 1;
     }
@@ -239,9 +253,11 @@ int CQSString::Compare(const char* text) const
 
 int CQSString::Find(const char* pattern, int start) const
 {
-    if (!pattern)
+    const size_t len = static_cast<size_t>(GetLength());
+    const size_t patLen = TextLengthUpTo(pattern, len + 1);
+    if (!pattern || patLen > len)
         return -1;
-    return FindBytes(GetDataPtr(), GetLength(), pattern, TextLength(pattern), start);
+    return FindBytes(GetDataPtr(), GetLength(), pattern, static_cast<int>(patLen), start);
 }
 
 int CQSString::Find(char c, int start) const
@@ -249,29 +265,34 @@ int CQSString::Find(char c, int start) const
     return FindBytes(GetDataPtr(), GetLength(), &c, 1, start);
 }
 
+// An affix longer than the string never matches, so its length is read no
+// further than one character past the string's.
 bool CQSString::IsStartWith(const char* prefix) const
 {
-    const int len = TextLength(prefix);
-    return len <= GetLength() && std::memcmp(GetDataPtr(), prefix ? prefix : "", static_cast<size_t>(len)) == 0;
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(prefix, ownLen + 1);
+    return len <= ownLen && std::memcmp(GetDataPtr(), prefix ? prefix : "", len) == 0;
 }
 
 bool CQSString::IsStartWithNoCase(const char* prefix) const
 {
-    const int len = TextLength(prefix);
-    return len <= GetLength() && EqualNoCase(GetDataPtr(), prefix, len);
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(prefix, ownLen + 1);
+    return len <= ownLen && EqualNoCase(GetDataPtr(), prefix, static_cast<int>(len));
 }
 
 bool CQSString::IsEndWith(const char* suffix) const
 {
-    const int len = TextLength(suffix);
-    return len <= GetLength() &&
-           std::memcmp(GetDataPtr() + GetLength() - len, suffix ? suffix : "", static_cast<size_t>(len)) == 0;
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(suffix, ownLen + 1);
+    return len <= ownLen && std::memcmp(GetDataPtr() + (ownLen - len), suffix ? suffix : "", len) == 0;
 }
 
 bool CQSString::IsEndWithNoCase(const char* suffix) const
 {
-    const int len = TextLength(suffix);
-    return len <= GetLength() && EqualNoCase(GetDataPtr() + GetLength() - len, suffix, len);
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(suffix, ownLen + 1);
+    return len <= ownLen && EqualNoCase(GetDataPtr() + (ownLen - len), suffix, static_cast<int>(len));
 }
 
 void CQSString::MakeLower()
@@ -538,9 +559,10 @@ int CQWString::SetByteData(const unsigned char* data, int len)
 
 bool CQWString::operator==(const wchar_t* text) const
 {
-    const int len = TextLength(text);
-    return len == GetLength() &&
-           (len == 0 || std::wmemcmp(GetDataPtr(), text, static_cast<size_t>(len)) == 0);
+    // A text longer than this string differs; one character past it says so.
+    const size_t ownLen = static_cast<size_t>(GetLength());
+    const size_t len = TextLengthUpTo(text, ownLen + 1);
+    return len == ownLen && (len == 0 || std::wmemcmp(GetDataPtr(), text, len) == 0);
 }
 
 int CQWString::Replace(const wchar_t* oldText, const wchar_t* newText)

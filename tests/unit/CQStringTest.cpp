@@ -2179,3 +2179,160 @@ TEST(CQSString, TextLongerThanAStringIsRefused)
     EXPECT_EQ("", Bytes(out));
     EXPECT_EQ("[kept]", Bytes(s));
 }
+
+// A text longer than any string orders as its full length says: after every
+// string that is a prefix of it, by its bytes otherwise.
+TEST(CQSString, CompareOrdersTextLongerThanAString)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_EQ(-1, CQSString().Compare(text.Get()));
+    EXPECT_EQ(-1, CQSString("a").Compare(text.Get()));
+    EXPECT_EQ(-1, CQSString("aaaa").Compare(text.Get()));
+    EXPECT_EQ(-1, CQSString("A").Compare(text.Get()));
+    EXPECT_EQ(-1, CQSString("a\0a", 3).Compare(text.Get()));
+    EXPECT_EQ(1, CQSString("b").Compare(text.Get()));
+    EXPECT_EQ(1, CQSString("aab").Compare(text.Get()));
+    EXPECT_FALSE(CQSString("a") == text.Get());
+    EXPECT_TRUE(CQSString("a") != text.Get());
+}
+
+// An affix longer than the string never matches, whatever its bytes.
+TEST(CQSString, IsStartWithTextLongerThanAStringIsFalse)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_FALSE(CQSString().IsStartWith(text.Get()));
+    EXPECT_FALSE(CQSString("a").IsStartWith(text.Get()));
+    EXPECT_FALSE(CQSString("b").IsStartWith(text.Get()));
+}
+
+TEST(CQSString, IsStartWithNoCaseTextLongerThanAStringIsFalse)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_FALSE(CQSString().IsStartWithNoCase(text.Get()));
+    EXPECT_FALSE(CQSString("A").IsStartWithNoCase(text.Get()));
+    EXPECT_FALSE(CQSString("b").IsStartWithNoCase(text.Get()));
+}
+
+TEST(CQSString, IsEndWithTextLongerThanAStringIsFalse)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_FALSE(CQSString().IsEndWith(text.Get()));
+    EXPECT_FALSE(CQSString("a").IsEndWith(text.Get()));
+    EXPECT_FALSE(CQSString("b").IsEndWith(text.Get()));
+}
+
+TEST(CQSString, IsEndWithNoCaseTextLongerThanAStringIsFalse)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_FALSE(CQSString().IsEndWithNoCase(text.Get()));
+    EXPECT_FALSE(CQSString("A").IsEndWithNoCase(text.Get()));
+    EXPECT_FALSE(CQSString("b").IsEndWithNoCase(text.Get()));
+}
+
+// A pattern longer than the string is in it nowhere, from any start.
+TEST(CQSString, FindTextLongerThanAStringIsNotFound)
+{
+    const int longest = velanet::StringStorage<char>::KMaxLength;
+    const LongText<char> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1u << " bytes";
+    EXPECT_EQ(-1, CQSString().Find(text.Get()));
+    EXPECT_EQ(-1, CQSString("aa").Find(text.Get()));
+    EXPECT_EQ(-1, CQSString("aa").Find(text.Get(), 2));
+    EXPECT_EQ(-1, CQSString("aa").Find(text.Get(), 3));
+}
+
+TEST(CQWString, EqualsTextLongerThanAStringIsFalse)
+{
+    const int longest = velanet::StringStorage<wchar_t>::KMaxLength;
+    const LongText<wchar_t> text(static_cast<std::size_t>(longest) + 1);
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a text of " << longest + 1 << " characters";
+    EXPECT_FALSE(CQWString() == text.Get());
+    EXPECT_FALSE(CQWString(L"a") == text.Get());
+    EXPECT_TRUE(CQWString(L"a") != text.Get());
+}
+
+namespace {
+
+// One page of characters 'a' followed by a page that cannot be read: a text
+// that a comparison with a short string must read only the start of.
+template <class CharT>
+class GuardedText
+{
+public:
+    GuardedText()
+    {
+        void* area = ::mmap(nullptr, 2 * m_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (area == MAP_FAILED)
+            return;
+        m_area = static_cast<CharT*>(area);
+        for (std::size_t i = 0; i < m_page / sizeof(CharT); ++i)
+            m_area[i] = CharT('a');
+        m_ok = ::mprotect(reinterpret_cast<unsigned char*>(area) + m_page, m_page, PROT_NONE) == 0;
+    }
+    ~GuardedText()
+    {
+        if (m_area)
+            ::munmap(m_area, 2 * m_page);
+    }
+    GuardedText(const GuardedText&) = delete;
+    GuardedText& operator=(const GuardedText&) = delete;
+
+    bool Ok() const { return m_ok; }
+    const CharT* Get() const { return m_area; }
+
+private:
+    const std::size_t m_page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    CharT* m_area = nullptr;
+    bool m_ok = false;
+};
+
+}  // namespace
+
+// Ordering a text against a string needs at most one character past the
+// string's length; a text is never read to its end just to be compared.
+TEST(CQSString, CompareReadsATextOnlyAsFarAsNeeded)
+{
+    const GuardedText<char> text;
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a guarded page";
+    EXPECT_EQ(-1, CQSString("aaa").Compare(text.Get()));
+    EXPECT_EQ(1, CQSString("ab").Compare(text.Get()));
+}
+
+TEST(CQSString, AffixesReadATextOnlyAsFarAsNeeded)
+{
+    const GuardedText<char> text;
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a guarded page";
+    const CQSString s("aaa");
+    EXPECT_FALSE(s.IsStartWith(text.Get()));
+    EXPECT_FALSE(s.IsStartWithNoCase(text.Get()));
+    EXPECT_FALSE(s.IsEndWith(text.Get()));
+    EXPECT_FALSE(s.IsEndWithNoCase(text.Get()));
+    EXPECT_EQ(-1, s.Find(text.Get()));
+}
+
+TEST(CQWString, EqualsReadsATextOnlyAsFarAsNeeded)
+{
+    const GuardedText<wchar_t> text;
+    if (!text.Ok())
+        GTEST_SKIP() << "cannot map a guarded page";
+    EXPECT_FALSE(CQWString(L"aaa") == text.Get());
+}
