@@ -261,7 +261,10 @@ QSslSocket* CQHttpSocketEngine::SecureSocket()
     if (iSecureSocket != nullptr)
         return iSecureSocket;
     iSecureSocket = new QSslSocket(this);
-    iSecureSocket->setReadBufferSize(KSocketReadBufferLimit);
+    // One read block, not four: on every pass Qt copies all its TCP socket
+    // holds into a temporary array, and at 256 KiB that array went back to
+    // the system and was taken again thousands of times per GiB.
+    iSecureSocket->setReadBufferSize(KSecureSocketReadBufferLimit);
     ConnectSocketSignals(iSecureSocket);
     // The session is filed before the connection is reported (a TLS 1.2
     // ticket comes with the handshake, TLS 1.3 tickets after it, with the

@@ -243,6 +243,9 @@ private:
     static constexpr int KReadBlockSize = 64 * KSliceSize;
     // Bytes Qt may hold for the engine before it stops reading the kernel.
     static constexpr int KSocketReadBufferLimit = 4 * KReadBlockSize;
+    // The same for the TLS socket (decrypted bytes, and what its TCP socket
+    // holds).
+    static constexpr int KSecureSocketReadBufferLimit = KReadBlockSize;
     // With direct reads: the bytes Qt reads per notification (it must read
     // some to notice the peer's close; the rest is read by the engine).
     static constexpr int KDirectReadAhead = 1;

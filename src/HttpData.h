@@ -330,7 +330,8 @@ public:
                                                    unsigned char* out);
     // One form field part.
     int CopyHttpHeader_PostFile_FileInfo(const CQSString& key, const CQSString& value, unsigned char* out);
-    // A part per key=value pair of formFields ("&"-joined); 0 when empty.
+    // A part per key=value pair of formFields ("&"-joined); 0 when empty, or
+    // when the field text could not be copied (no memory).
     int CopyHttpHeader_PostFile_AllFileInfo(const CQSString& formFields, unsigned char* out);
     // name = the URL after its first "//", up to the next "?", with "/" and
     // ":" made "_". False (name untouched) for a null or empty URL.
