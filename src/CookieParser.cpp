@@ -442,8 +442,12 @@ unsigned int CookieParser::GetCurrentTimeToInt()
 {
     // The same local date and time that QDateTime::currentDateTime gives, read
     // with localtime_r: Qt re-reads the time zone file on every call, which
-    // cost more than the rest of a cookie lookup together.
-    const time_t seconds = std::time(nullptr);
+    // cost more than the rest of a cookie lookup together. The second comes
+    // from CLOCK_REALTIME as Qt reads it: time() uses the coarse clock, which
+    // lags by up to a tick and so can still name the previous second.
+    struct timespec clock = {};
+    clock_gettime(CLOCK_REALTIME, &clock);
+    const time_t seconds = clock.tv_sec;
     struct tm local = {};
     if (!localtime_r(&seconds, &local)) {
         const QDateTime now = QDateTime::currentDateTime();

@@ -2,6 +2,7 @@
 
 #include <QDate>
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QLocale>
 #include <QTime>
 
@@ -868,6 +869,32 @@ TEST(CookieParserCurrentTime, LocalTimeWithMonthCountedFromOne)
         return;
     }
     FAIL() << "the clock kept changing second around every call";
+}
+
+// Right after the second turns, the value already names the new second: the
+// clock read is the one Qt reads, not the coarse one that lags by a tick.
+TEST(CookieParserCurrentTime, NamesTheNewSecondRightAfterItTurns)
+{
+    const qint64 start = QDateTime::currentMSecsSinceEpoch() / 1000;
+    const QDeadlineTimer deadline(3000);
+    QDateTime turned;
+    while (!deadline.hasExpired()) {
+        const QDateTime now = QDateTime::currentDateTime();
+        if (now.toMSecsSinceEpoch() / 1000 != start) {
+            turned = now;
+            break;
+        }
+    }
+    ASSERT_TRUE(turned.isValid()) << "the clock did not move for 3 s";
+    const unsigned int value = CookieParser::GetCurrentTimeToInt();
+    const QDateTime after = QDateTime::currentDateTime();
+    ASSERT_EQ(turned.toSecsSinceEpoch(), after.toSecsSinceEpoch()) << "a whole second passed in between";
+    const QDate date = turned.date();
+    const QTime time = turned.time();
+    EXPECT_EQ(Calendar(static_cast<std::uint32_t>(date.year()), static_cast<std::uint32_t>(date.month()),
+                       static_cast<std::uint32_t>(date.day()), static_cast<std::uint32_t>(time.hour()),
+                       static_cast<std::uint32_t>(time.minute()), static_cast<std::uint32_t>(time.second())),
+              value);
 }
 
 TEST(CookieParserCurrentTime, ParsedDateOfTheSameMomentIsOneMonthEarlier)
