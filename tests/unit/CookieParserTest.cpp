@@ -850,6 +850,19 @@ TEST(CookieParserHosts, EveryShortTextStaysInsideItsBuffer)
 
 // ---- GetCurrentTimeToInt --------------------------------------------------
 
+// The value the current-time call gives for a local date and time: the month
+// counted 1..12.
+namespace {
+std::uint32_t CurrentTimeValue(const QDateTime& moment)
+{
+    const QDate date = moment.date();
+    const QTime time = moment.time();
+    return Calendar(static_cast<std::uint32_t>(date.year()), static_cast<std::uint32_t>(date.month()),
+                    static_cast<std::uint32_t>(date.day()), static_cast<std::uint32_t>(time.hour()),
+                    static_cast<std::uint32_t>(time.minute()), static_cast<std::uint32_t>(time.second()));
+}
+}  // namespace
+
 // The month of the current time counts 1..12, one month ahead of a parsed
 // date in the same calendar month.
 TEST(CookieParserCurrentTime, LocalTimeWithMonthCountedFromOne)
@@ -860,12 +873,7 @@ TEST(CookieParserCurrentTime, LocalTimeWithMonthCountedFromOne)
         const QDateTime after = QDateTime::currentDateTime();
         if (before.toSecsSinceEpoch() != after.toSecsSinceEpoch())
             continue;
-        const QDate date = before.date();
-        const QTime time = before.time();
-        EXPECT_EQ(Calendar(static_cast<std::uint32_t>(date.year()), static_cast<std::uint32_t>(date.month()),
-                           static_cast<std::uint32_t>(date.day()), static_cast<std::uint32_t>(time.hour()),
-                           static_cast<std::uint32_t>(time.minute()), static_cast<std::uint32_t>(time.second())),
-                  value);
+        EXPECT_EQ(CurrentTimeValue(before), value);
         return;
     }
     FAIL() << "the clock kept changing second around every call";
@@ -889,12 +897,7 @@ TEST(CookieParserCurrentTime, NamesTheNewSecondRightAfterItTurns)
     const unsigned int value = CookieParser::GetCurrentTimeToInt();
     const QDateTime after = QDateTime::currentDateTime();
     ASSERT_EQ(turned.toSecsSinceEpoch(), after.toSecsSinceEpoch()) << "a whole second passed in between";
-    const QDate date = turned.date();
-    const QTime time = turned.time();
-    EXPECT_EQ(Calendar(static_cast<std::uint32_t>(date.year()), static_cast<std::uint32_t>(date.month()),
-                       static_cast<std::uint32_t>(date.day()), static_cast<std::uint32_t>(time.hour()),
-                       static_cast<std::uint32_t>(time.minute()), static_cast<std::uint32_t>(time.second())),
-              value);
+    EXPECT_EQ(CurrentTimeValue(turned), value);
 }
 
 TEST(CookieParserCurrentTime, ParsedDateOfTheSameMomentIsOneMonthEarlier)
